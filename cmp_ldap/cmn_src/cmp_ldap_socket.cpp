@@ -1,0 +1,1 @@
+#include "cmp_ldap_internal.h"

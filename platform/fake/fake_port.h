@@ -1,0 +1,128 @@
+/*
+ * The fake port: a complete implementation of the platform interfaces for unit
+ * tests, scripted from the test. Everything here is test code (STL allowed).
+ *
+ *   fake::reset();                       // every test starts here (FakePortTest does it)
+ *   fake::peer_data({0x30, 0x00});       // the peer's next bytes
+ *   fake::peer_timeout();                // then one receive times out
+ *   fake::arm_alloc_failure(3);          // the 3rd allocation from now fails
+ *   ... call the library ...
+ *   EXPECT_EQ(fake::sent(), bytes);      // everything the core sent
+ *   EXPECT_TRUE(fake::logged("cmp_ldap_connect(): ipaddr illegal.\n"));
+ */
+#ifndef FAKE_PORT_H
+#define FAKE_PORT_H
+
+#include <netinet/in.h>
+#include <stdint.h>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "osl_scr_ssl_wrp.h"
+
+namespace fake {
+
+using Bytes = std::vector<uint8_t>;
+
+/* Clears every script, counter, recording and captured log line. */
+void reset();
+
+/* ---- memory ---- */
+/* From now on, allocation number n (1 = the next one) fails; n = 0 disarms. With
+ * every_after, that one and all later ones fail. Counting starts at the call. */
+void arm_alloc_failure(long n, bool every_after = false);
+long allocs_since_arm(); /* allocations attempted since the last arm (or reset) */
+long live_blocks();      /* blocks allocated and not yet freed */
+std::string live_block_report();
+std::vector<uint32_t> alloc_sizes(); /* sizes requested since reset, in order */
+bool freed_null_seen();              /* zelOSWOrgFreeMemPart got a NULL block */
+/* A block whose pool argument was not 0 counts as an error. */
+long bad_pool_frees();
+
+/* ---- debug log ---- */
+struct LogLine {
+    std::string module;
+    int level;
+    int reserved;
+    int32_t rc;
+    std::string text; /* the formatted line, newline included */
+};
+const std::vector<LogLine> &log();
+std::vector<std::string> log_texts();
+bool logged(const std::string &text); /* an exact line was written */
+bool logged_containing(const std::string &fragment);
+void clear_log();
+
+/* ---- resolver and connect ---- */
+struct Resolved {
+    int family; /* AF_INET, AF_INET6 or anything else */
+    Bytes addr; /* 4 or 16 address octets (other families: anything) */
+};
+Resolved ipv4(const char *text);
+Resolved ipv6(const char *text);
+/* Next getaddrinfo returns rc and (when 0) these entries in this order. */
+void set_resolver(int rc, std::vector<Resolved> entries);
+void script_socket(std::vector<int> results);  /* each cmp_netsock_socket returns the next */
+void script_connect(std::vector<int> results); /* each connect_timeo returns the next (default 0) */
+void script_set_scope(std::vector<int> results);
+
+struct ConnectAttempt {
+    int family;
+    uint16_t port; /* host order */
+    Bytes addr;    /* 4 or 16 octets */
+    uint32_t addrlen;
+    long timeout;
+    int32_t sockfd;
+    uint32_t scope_id; /* IPv6 only */
+};
+const std::vector<ConnectAttempt> &connect_attempts();
+std::vector<int32_t> closed_sockets();
+long open_sockets();  /* created and not closed (a failed connect closes its socket) */
+long live_addrinfo(); /* resolver results not yet freed */
+
+/* ---- the peer: what receives return, in order ---- */
+void peer_data(const Bytes &bytes);          /* served across as many receives as it takes */
+void peer_data_bytewise(const Bytes &bytes); /* one receive per octet */
+void peer_timeout();                         /* one receive returns -2 / 0x72010006 */
+void peer_error(int32_t rc);                 /* plain: returns rc; TLS: returns (uint32_t)rc */
+void peer_close();                           /* one receive returns 0 bytes */
+/* With nothing scripted left, a receive reports the peer closed. */
+std::vector<long> recv_timeouts();  /* the time-out each receive was given */
+std::vector<uint32_t> recv_sizes(); /* the length each receive asked for */
+
+/* Sends: each entry scripts one send; >= 0 takes at most that many octets,
+ * a negative value is returned as it stands. Unscripted sends take everything. */
+void script_send(std::vector<int32_t> results);
+const Bytes &sent(); /* every octet taken, plain and TLS alike */
+std::vector<Bytes> sent_chunks();
+std::vector<long> send_timeouts();
+
+/* ---- TLS wrapper ---- */
+struct TlsScript {
+    uint32_t init = 0, set_verify = 0, connect = 0, shutdown = 0, term = 0;
+    std::vector<uint32_t> write; /* per write: non-zero is returned as the error */
+};
+void set_tls(const TlsScript &script);
+const OSL_SCR_SSL_WRP_SETTINGS &last_tls_settings();
+long live_tls_contexts();
+long live_tls_connections();
+std::vector<std::string> tls_calls(); /* "init", "set_verify", "connect", "shutdown", "term" */
+
+/* ---- OS wrapper and settings ---- */
+/* Each call of the named function returns the next scripted value (default 0). */
+void script_os(const std::string &function, std::vector<int32_t> results);
+std::vector<std::string> os_calls();
+/* zelOSWCreateJoinTask runs the entry on a real thread; zelOSWWaitTask joins it. */
+long live_tasks();
+long live_queues();
+
+void set_setting(int32_t rc, uint8_t value); /* ME_STC_U08_LDAP_PROTOCOL */
+long setting_reads();
+
+}  // namespace fake
+
+#endif
