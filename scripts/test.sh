@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Runs every test of the project, from a fresh machine on:
+#   1. installs what is missing (scripts/deps.sh);
+#   2. checks formatting;
+#   3. builds with GCC and runs all tests: unit tests (fake port) and integration
+#      tests (POSIX port against real slapd servers started on loopback);
+#   4. builds with Clang under AddressSanitizer + UndefinedBehaviorSanitizer and
+#      runs the unit tests again, and replays the fuzz corpus there.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+jobs=$(nproc 2>/dev/null || echo 2)
+
+bash scripts/deps.sh
+scripts/format.sh --check
+
+echo "== GCC build: unit and integration tests"
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build -j"$jobs"
+ctest --test-dir build --output-on-failure -j"$jobs"
+
+echo "== Clang build with AddressSanitizer and UndefinedBehaviorSanitizer: unit tests"
+CC=clang CXX=clang++ cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+  -DTOVEISTROR_SANITIZE=ON -DTOVEISTROR_INTEGRATION=OFF -DTOVEISTROR_TOOLS=OFF \
+  -DTOVEISTROR_FUZZ=ON >/dev/null
+cmake --build build-asan -j"$jobs"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir build-asan -L 'unit|fuzz' --output-on-failure -j"$jobs"
