@@ -81,7 +81,13 @@ static inline void cmp_ldap_free(void *block)
 int cmp_ldap_check_protocol_setting(void);
 
 /* cmp_ldap_socket */
-int cmp_ldap_add_addrinfo(struct addrinfo *entry, void **head, void **tail);
+/* One connect candidate: a resolver result, in the order the connect tries them. */
+typedef struct CMP_LDAP_ADDR_NODE {
+    struct addrinfo *entry;
+    struct CMP_LDAP_ADDR_NODE *next;
+} CMP_LDAP_ADDR_NODE;
+int cmp_ldap_add_addrinfo(struct addrinfo *entry, CMP_LDAP_ADDR_NODE **head,
+                          CMP_LDAP_ADDR_NODE **tail);
 int cmp_ldap_recv_data(CMP_LDAP *ld, unsigned char *buf, uint32_t len, long timeout);
 
 /* cmp_ldap_api */
