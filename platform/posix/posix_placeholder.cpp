@@ -1,1 +1,0 @@
-#include "cmp_dbglog.h"
