@@ -1,6 +1,6 @@
 /*
- * The fake port behind fake_port.h. One lock guards all state, because the OS
- * wrapper runs task bodies on real threads.
+ * The fake port behind fake_port.h. One lock guards all state, so that a test
+ * may drive the library from more than one thread.
  */
 #include "fake_port.h"
 
@@ -10,8 +10,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <condition_variable>
-#include <memory>
+#include <deque>
+#include <map>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -24,63 +24,42 @@
 namespace fake {
 namespace {
 
-enum class EventKind { Data, Timeout, Error, Close };
 struct Event {
-    EventKind kind;
+    enum Kind { Data, Timeout, Error } kind;
     Bytes bytes;
-    size_t offset = 0;
     int32_t rc = 0;
     bool bytewise = false;
-};
-
-struct Queue {
-    uint32_t max_messages = 1;
-    uint32_t message_size = 0;
-    std::deque<Bytes> messages;
+    size_t offset = 0;
 };
 
 struct State {
-    // memory
-    long arm_at = 0;
-    bool every_after = false;
-    long since_arm = 0;
+    long arm_at = 0, since_arm = 0, bad_pool = 0;
+    bool every_after = false, freed_null = false;
     std::map<void *, uint32_t> blocks;
     std::vector<uint32_t> sizes;
-    bool freed_null = false;
-    long bad_pool = 0;
-    // log
     std::vector<LogLine> log;
-    // network
     int resolver_rc = 0;
     std::vector<Resolved> resolved;
-    std::deque<int> socket_results;
-    std::deque<int> connect_results;
-    std::deque<int> scope_results;
+    std::deque<int> socket_results, connect_results, scope_results;
     int next_fd = 3;
-    std::map<int32_t, bool> sockets;  // fd -> open
+    std::map<int32_t, bool> sockets; /* fd -> open */
     std::vector<int32_t> closed;
     std::vector<ConnectAttempt> attempts;
     long live_ai = 0;
     std::deque<Event> events;
-    std::vector<long> recv_timeouts;
-    std::vector<uint32_t> recv_sizes;
+    std::vector<long> recv_timeouts, send_timeouts;
     std::deque<int32_t> send_results;
     Bytes sent;
-    std::vector<Bytes> chunks;
-    std::vector<long> send_timeouts;
-    // TLS
     TlsScript tls;
     OSL_SCR_SSL_WRP_SETTINGS tls_settings{};
     long tls_ctx = 0, tls_conn = 0;
     std::vector<std::string> tls_calls;
-    // OS
     std::map<std::string, std::deque<int32_t>> os_results;
     std::vector<std::string> os_calls;
     uint32_t next_id = 1;
     std::map<uint32_t, std::thread> tasks;
     std::map<uint32_t, std::unique_ptr<std::timed_mutex>> mutexes;
-    std::map<uint32_t, Queue> queues;
-    // settings
+    std::map<uint32_t, std::deque<Bytes>> queues;
     int32_t setting_rc = 0;
     uint8_t setting_value = 1;
     long setting_reads = 0;
@@ -89,28 +68,69 @@ struct State {
 std::recursive_mutex g_lock;
 State &st()
 {
-    static State *s = new State();  // never destroyed: tasks may outlive main's statics
+    static State *s = new State(); /* never destroyed: outlives every static user */
     return *s;
 }
 using Guard = std::lock_guard<std::recursive_mutex>;
+#define LOCKED(...)      \
+    {                    \
+        Guard g(g_lock); \
+        __VA_ARGS__;     \
+    }
 
-int32_t next_os_result(const char *function)
-{
-    State &s = st();
-    s.os_calls.emplace_back(function);
-    auto it = s.os_results.find(function);
-    if (it == s.os_results.end() || it->second.empty()) return 0;
-    int32_t rc = it->second.front();
-    it->second.pop_front();
-    return rc;
-}
-
-int take_front(std::deque<int> &q, int dflt)
+template <class T>
+T take_front(std::deque<T> &q, T dflt)
 {
     if (q.empty()) return dflt;
-    int v = q.front();
+    T v = q.front();
     q.pop_front();
     return v;
+}
+
+void push_event(Event e) LOCKED(st().events.push_back(std::move(e)))
+
+    Resolved parse(int family, const char *text)
+{
+    Resolved r{family, Bytes(family == AF_INET ? 4 : 16)};
+    if (inet_pton(family, text, r.addr.data()) != 1) abort();
+    return r;
+}
+
+/* One receive from the scripted peer: the count (0: closed) or the event's code. */
+int32_t serve_receive(uint8_t *buf, uint32_t len, long timeout, int32_t timeout_code, bool *error)
+{
+    State &s = st();
+    s.recv_timeouts.push_back(timeout);
+    *error = false;
+    if (s.events.empty()) return 0;
+    Event &e = s.events.front();
+    if (e.kind != Event::Data) {
+        int32_t rc = e.kind == Event::Timeout ? timeout_code : e.rc;
+        s.events.pop_front();
+        *error = true;
+        return rc;
+    }
+    size_t n = std::min<size_t>(e.bytes.size() - e.offset, e.bytewise ? 1 : len);
+    memcpy(buf, e.bytes.data() + e.offset, n);
+    e.offset += n;
+    if (e.offset >= e.bytes.size()) s.events.pop_front();
+    return (int32_t)n;
+}
+
+int32_t take_send(const void *buf, uint32_t len, long timeout)
+{
+    State &s = st();
+    s.send_timeouts.push_back(timeout);
+    int32_t n = std::min(take_front(s.send_results, (int32_t)len), (int32_t)len);
+    if (n > 0) s.sent.insert(s.sent.end(), (const uint8_t *)buf, (const uint8_t *)buf + n);
+    return n;
+}
+
+/* Records an OS wrapper call and returns its scripted result. */
+int32_t os_call(const char *function)
+{
+    st().os_calls.emplace_back(function);
+    return take_front(st().os_results[function], 0);
 }
 
 }  // namespace
@@ -118,38 +138,23 @@ int take_front(std::deque<int> &q, int dflt)
 void reset()
 {
     std::map<uint32_t, std::thread> tasks;
-    {
-        Guard g(g_lock);
-        tasks.swap(st().tasks);
-    }
-    for (auto &t : tasks) {
-        if (t.second.joinable()) t.second.join();
-    }
+    LOCKED(tasks.swap(st().tasks))
+    for (auto &t : tasks)
+        t.second.join(); /* outside the lock: a task may still log */
     Guard g(g_lock);
-    State &s = st();
-    for (auto &b : s.blocks)
+    for (auto &b : st().blocks)
         free(b.first);
-    s = State();
+    st() = State();
 }
 
 void arm_alloc_failure(long n, bool every_after)
-{
-    Guard g(g_lock);
-    st().arm_at = n;
-    st().every_after = every_after;
-    st().since_arm = 0;
-}
-long allocs_since_arm()
-{
-    Guard g(g_lock);
-    return st().since_arm;
-}
-long live_blocks()
-{
-    Guard g(g_lock);
-    return (long)st().blocks.size();
-}
-std::string live_block_report()
+    LOCKED(st().arm_at = n, st().every_after = every_after,
+           st().since_arm = 0) long allocs_since_arm()
+        LOCKED(return st().since_arm) long live_blocks()
+            LOCKED(return (long)st().blocks.size()) std::vector<uint32_t> alloc_sizes()
+                LOCKED(return st().sizes) bool freed_null_seen()
+                    LOCKED(return st().freed_null) long bad_pool_frees()
+                        LOCKED(return st().bad_pool) std::string live_block_report()
 {
     Guard g(g_lock);
     std::ostringstream out;
@@ -157,27 +162,12 @@ std::string live_block_report()
         out << b.second << " octets at " << b.first << "\n";
     return out.str();
 }
-std::vector<uint32_t> alloc_sizes()
-{
-    Guard g(g_lock);
-    return st().sizes;
-}
-bool freed_null_seen()
-{
-    Guard g(g_lock);
-    return st().freed_null;
-}
-long bad_pool_frees()
-{
-    Guard g(g_lock);
-    return st().bad_pool;
-}
 
 const std::vector<LogLine> &log()
 {
     return st().log;
 }
-std::vector<std::string> log_texts()
+void clear_log() LOCKED(st().log.clear()) std::vector<std::string> log_texts()
 {
     Guard g(g_lock);
     std::vector<std::string> out;
@@ -187,67 +177,39 @@ std::vector<std::string> log_texts()
 }
 bool logged(const std::string &text)
 {
-    Guard g(g_lock);
-    for (auto &l : st().log)
-        if (l.text == text) return true;
+    for (auto &t : log_texts())
+        if (t == text) return true;
     return false;
 }
 bool logged_containing(const std::string &fragment)
 {
-    Guard g(g_lock);
-    for (auto &l : st().log)
-        if (l.text.find(fragment) != std::string::npos) return true;
+    for (auto &t : log_texts())
+        if (t.find(fragment) != std::string::npos) return true;
     return false;
-}
-void clear_log()
-{
-    Guard g(g_lock);
-    st().log.clear();
 }
 
 Resolved ipv4(const char *text)
 {
-    Resolved r{AF_INET, Bytes(4)};
-    if (inet_pton(AF_INET, text, r.addr.data()) != 1) abort();
-    return r;
+    return parse(AF_INET, text);
 }
 Resolved ipv6(const char *text)
 {
-    Resolved r{AF_INET6, Bytes(16)};
-    if (inet_pton(AF_INET6, text, r.addr.data()) != 1) abort();
-    return r;
+    return parse(AF_INET6, text);
 }
 void set_resolver(int rc, std::vector<Resolved> entries)
-{
-    Guard g(g_lock);
-    st().resolver_rc = rc;
-    st().resolved = std::move(entries);
-}
-void script_socket(std::vector<int> results)
-{
-    Guard g(g_lock);
-    st().socket_results.assign(results.begin(), results.end());
-}
-void script_connect(std::vector<int> results)
-{
-    Guard g(g_lock);
-    st().connect_results.assign(results.begin(), results.end());
-}
-void script_set_scope(std::vector<int> results)
-{
-    Guard g(g_lock);
-    st().scope_results.assign(results.begin(), results.end());
-}
-const std::vector<ConnectAttempt> &connect_attempts()
+    LOCKED(st().resolver_rc = rc,
+           st().resolved = std::move(entries)) void script_socket(std::vector<int> r)
+        LOCKED(st().socket_results.assign(r.begin(),
+                                          r.end())) void script_connect(std::vector<int> r)
+            LOCKED(st().connect_results.assign(r.begin(),
+                                               r.end())) void script_set_scope(std::vector<int> r)
+                LOCKED(st().scope_results.assign(r.begin(), r.end()))
+                    const std::vector<ConnectAttempt> &connect_attempts()
 {
     return st().attempts;
 }
-std::vector<int32_t> closed_sockets()
-{
-    Guard g(g_lock);
-    return st().closed;
-}
-long open_sockets()
+std::vector<int32_t> closed_sockets() LOCKED(return st().closed) long live_addrinfo()
+    LOCKED(return st().live_ai) long open_sockets()
 {
     Guard g(g_lock);
     long n = 0;
@@ -255,183 +217,47 @@ long open_sockets()
         n += s.second ? 1 : 0;
     return n;
 }
-long live_addrinfo()
-{
-    Guard g(g_lock);
-    return st().live_ai;
-}
 
 void peer_data(const Bytes &bytes)
 {
-    Guard g(g_lock);
-    st().events.push_back(Event{EventKind::Data, bytes});
+    push_event(Event{Event::Data, bytes});
 }
 void peer_data_bytewise(const Bytes &bytes)
 {
-    Guard g(g_lock);
-    Event e{EventKind::Data, bytes};
-    e.bytewise = true;
-    st().events.push_back(e);
+    push_event(Event{Event::Data, bytes, 0, true});
 }
 void peer_timeout()
 {
-    Guard g(g_lock);
-    st().events.push_back(Event{EventKind::Timeout, {}});
+    push_event(Event{Event::Timeout, {}});
 }
 void peer_error(int32_t rc)
 {
-    Guard g(g_lock);
-    Event e{EventKind::Error, {}};
-    e.rc = rc;
-    st().events.push_back(e);
-}
-void peer_close()
-{
-    Guard g(g_lock);
-    st().events.push_back(Event{EventKind::Close, {}});
+    push_event(Event{Event::Error, {}, rc});
 }
 std::vector<long> recv_timeouts()
-{
-    Guard g(g_lock);
-    return st().recv_timeouts;
-}
-std::vector<uint32_t> recv_sizes()
-{
-    Guard g(g_lock);
-    return st().recv_sizes;
-}
-void script_send(std::vector<int32_t> results)
-{
-    Guard g(g_lock);
-    st().send_results.assign(results.begin(), results.end());
-}
-const Bytes &sent()
+    LOCKED(return st().recv_timeouts) void script_send(std::vector<int32_t> r)
+        LOCKED(st().send_results.assign(r.begin(), r.end())) const Bytes &sent()
 {
     return st().sent;
 }
-std::vector<Bytes> sent_chunks()
-{
-    Guard g(g_lock);
-    return st().chunks;
-}
-std::vector<long> send_timeouts()
-{
-    Guard g(g_lock);
-    return st().send_timeouts;
-}
+std::vector<long> send_timeouts() LOCKED(return st().send_timeouts)
 
-void set_tls(const TlsScript &script)
-{
-    Guard g(g_lock);
-    st().tls = script;
-}
-const OSL_SCR_SSL_WRP_SETTINGS &last_tls_settings()
+    void set_tls(const TlsScript &script)
+        LOCKED(st().tls = script) const OSL_SCR_SSL_WRP_SETTINGS &last_tls_settings()
 {
     return st().tls_settings;
 }
-long live_tls_contexts()
-{
-    Guard g(g_lock);
-    return st().tls_ctx;
-}
-long live_tls_connections()
-{
-    Guard g(g_lock);
-    return st().tls_conn;
-}
-std::vector<std::string> tls_calls()
-{
-    Guard g(g_lock);
-    return st().tls_calls;
-}
+long live_tls_contexts() LOCKED(return st().tls_ctx) long live_tls_connections()
+    LOCKED(return st().tls_conn) std::vector<std::string> tls_calls() LOCKED(return st().tls_calls)
 
-void script_os(const std::string &function, std::vector<int32_t> results)
-{
-    Guard g(g_lock);
-    st().os_results[function].assign(results.begin(), results.end());
-}
-std::vector<std::string> os_calls()
-{
-    Guard g(g_lock);
-    return st().os_calls;
-}
-long live_tasks()
-{
-    Guard g(g_lock);
-    return (long)st().tasks.size();
-}
-long live_queues()
-{
-    Guard g(g_lock);
-    return (long)st().queues.size();
-}
-void set_setting(int32_t rc, uint8_t value)
-{
-    Guard g(g_lock);
-    st().setting_rc = rc;
-    st().setting_value = value;
-}
-long setting_reads()
-{
-    Guard g(g_lock);
-    return st().setting_reads;
-}
+        void script_os(const std::string &function, std::vector<int32_t> results) LOCKED(
+            st().os_results[function].assign(results.begin(),
+                                             results.end())) std::vector<std::string> os_calls()
+            LOCKED(return st().os_calls) long live_queues() LOCKED(return (long)st().queues.size())
 
-/* One receive from the scripted peer: the count, 0 for closed, or the event's code.
- * timeout_code is what a time-out returns on this path. */
-static int32_t serve_receive(uint8_t *buf, uint32_t len, long timeout, int32_t timeout_code,
-                             bool *is_error)
-{
-    State &s = st();
-    s.recv_timeouts.push_back(timeout);
-    s.recv_sizes.push_back(len);
-    *is_error = false;
-    if (s.events.empty()) return 0;
-    Event &e = s.events.front();
-    switch (e.kind) {
-        case EventKind::Data: {
-            size_t left = e.bytes.size() - e.offset;
-            size_t n = left < len ? left : len;
-            if (e.bytewise && n > 1) n = 1;
-            memcpy(buf, e.bytes.data() + e.offset, n);
-            e.offset += n;
-            if (e.offset >= e.bytes.size()) s.events.pop_front();
-            return (int32_t)n;
-        }
-        case EventKind::Timeout:
-            s.events.pop_front();
-            *is_error = true;
-            return timeout_code;
-        case EventKind::Error: {
-            int32_t rc = e.rc;
-            s.events.pop_front();
-            *is_error = true;
-            return rc;
-        }
-        case EventKind::Close:
-            s.events.pop_front();
-            return 0;
-    }
-    return 0;
-}
-
-static int32_t take_send(const void *buf, uint32_t len, long timeout)
-{
-    State &s = st();
-    s.send_timeouts.push_back(timeout);
-    int32_t n = (int32_t)len;
-    if (!s.send_results.empty()) {
-        n = s.send_results.front();
-        s.send_results.pop_front();
-        if (n > (int32_t)len) n = (int32_t)len;
-    }
-    if (n > 0) {
-        const auto *p = static_cast<const uint8_t *>(buf);
-        s.sent.insert(s.sent.end(), p, p + n);
-        s.chunks.emplace_back(p, p + n);
-    }
-    return n;
-}
+                void set_setting(int32_t rc, uint8_t value)
+                    LOCKED(st().setting_rc = rc, st().setting_value = value) long setting_reads()
+                        LOCKED(return st().setting_reads)
 
 }  // namespace fake
 
@@ -449,9 +275,8 @@ void *zelOSWSubAllocMem(uint32_t size)
     auto &s = st();
     s.sizes.push_back(size);
     s.since_arm++;
-    if (s.arm_at > 0 && (s.since_arm == s.arm_at || (s.every_after && s.since_arm > s.arm_at))) {
+    if (s.arm_at > 0 && (s.since_arm == s.arm_at || (s.every_after && s.since_arm > s.arm_at)))
         return nullptr;
-    }
     /* Exactly the size asked for, so AddressSanitizer sees one octet too many. */
     void *p = malloc(size == 0 ? 1 : size);
     if (p != nullptr) s.blocks[p] = size;
@@ -462,17 +287,12 @@ int32_t zelOSWOrgFreeMemPart(uint32_t pool, void *block)
 {
     Guard g(g_lock);
     auto &s = st();
-    if (pool != 0) s.bad_pool++;
-    if (block == nullptr) {
-        s.freed_null = true;
-        return 0;
-    }
-    auto it = s.blocks.find(block);
-    if (it == s.blocks.end()) {
+    s.bad_pool += pool != 0;
+    if (block == nullptr) return s.freed_null = true, 0;
+    if (s.blocks.erase(block) != 1) {
         fprintf(stderr, "fake port: free of unknown block %p\n", block);
         abort();
     }
-    s.blocks.erase(it);
     free(block);
     return 0;
 }
@@ -487,76 +307,57 @@ int cmp_dbglog_common_trace(const char *module, int level, int reserved, int32_t
     va_end(ap);
     Guard g(g_lock);
     st().log.push_back(fake::LogLine{module ? module : "(null)", level, reserved, rc, line});
-    if (getenv("FAKE_PORT_ECHO_LOG") != nullptr)
-        fprintf(stderr, "[%s %d %d] %s", module, level, rc, line);
+    if (getenv("FAKE_PORT_ECHO_LOG") != nullptr) fprintf(stderr, "[%d %d] %s", level, rc, line);
     return 0;
 }
 
-int cmp_netsock_getaddrinfo(const char *node, const char *service, const struct addrinfo *hints,
+int cmp_netsock_getaddrinfo(const char *, const char *, const struct addrinfo *,
                             struct addrinfo **res)
 {
-    (void)node;
-    (void)service;
-    (void)hints;
     Guard g(g_lock);
     auto &s = st();
     *res = nullptr;
     if (s.resolver_rc != 0) return s.resolver_rc;
-    struct addrinfo *head = nullptr, **tail = &head;
+    struct addrinfo **tail = res;
     for (auto &r : s.resolved) {
         auto *ai = static_cast<struct addrinfo *>(calloc(1, sizeof(struct addrinfo)));
-        auto *ss =
-            static_cast<struct sockaddr_storage *>(calloc(1, sizeof(struct sockaddr_storage)));
+        auto *ss = static_cast<sockaddr_storage *>(calloc(1, sizeof(sockaddr_storage)));
         ai->ai_family = r.family;
         ai->ai_socktype = SOCK_STREAM;
         ai->ai_protocol = IPPROTO_TCP;
         ai->ai_addr = reinterpret_cast<struct sockaddr *>(ss);
+        ss->ss_family = (sa_family_t)r.family;
+        ai->ai_addrlen = 16;
         if (r.family == AF_INET) {
-            auto *sin = reinterpret_cast<struct sockaddr_in *>(ss);
-            sin->sin_family = AF_INET;
-            memcpy(&sin->sin_addr, r.addr.data(), 4);
-            ai->ai_addrlen = sizeof(struct sockaddr_in);
+            memcpy(&reinterpret_cast<sockaddr_in *>(ss)->sin_addr, r.addr.data(), 4);
         } else if (r.family == AF_INET6) {
-            auto *sin6 = reinterpret_cast<struct sockaddr_in6 *>(ss);
-            sin6->sin6_family = AF_INET6;
-            memcpy(&sin6->sin6_addr, r.addr.data(), 16);
-            ai->ai_addrlen = sizeof(struct sockaddr_in6);
-        } else {
-            ss->ss_family = (sa_family_t)r.family;
-            ai->ai_addrlen = 16;
+            memcpy(&reinterpret_cast<sockaddr_in6 *>(ss)->sin6_addr, r.addr.data(), 16);
+            ai->ai_addrlen = sizeof(sockaddr_in6);
         }
         *tail = ai;
         tail = &ai->ai_next;
         s.live_ai++;
     }
-    *res = head;
     return 0;
 }
 
 void cmp_netsock_freeaddrinfo(struct addrinfo *res)
 {
     Guard g(g_lock);
-    while (res != nullptr) {
-        struct addrinfo *next = res->ai_next;
+    for (struct addrinfo *next; res != nullptr; res = next) {
+        next = res->ai_next;
         free(res->ai_addr);
         free(res);
         st().live_ai--;
-        res = next;
     }
 }
 
-int cmp_netsock_socket(int family, int type, int protocol)
+int cmp_netsock_socket(int, int, int)
 {
-    (void)family;
-    (void)type;
-    (void)protocol;
     Guard g(g_lock);
     auto &s = st();
     int fd = fake::take_front(s.socket_results, s.next_fd);
-    if (fd >= 0) {
-        if (fd >= s.next_fd) s.next_fd = fd + 1;
-        s.sockets[fd] = true;
-    }
+    if (fd >= 0) s.next_fd = std::max(s.next_fd, fd + 1), s.sockets[fd] = true;
     return fd;
 }
 
@@ -565,313 +366,223 @@ int cmp_netsock_connect_timeo(int32_t *sockfd, const struct sockaddr *addr, uint
 {
     Guard g(g_lock);
     auto &s = st();
-    fake::ConnectAttempt a{};
-    a.family = addr->sa_family;
-    a.addrlen = addrlen;
-    a.timeout = timeout;
-    a.sockfd = *sockfd;
+    fake::ConnectAttempt a{addr->sa_family, 0, {}, addrlen, timeout, *sockfd, 0};
     if (addr->sa_family == AF_INET) {
-        auto *sin = reinterpret_cast<const struct sockaddr_in *>(addr);
-        a.port = ntohs(sin->sin_port);
-        a.addr.assign(reinterpret_cast<const uint8_t *>(&sin->sin_addr),
-                      reinterpret_cast<const uint8_t *>(&sin->sin_addr) + 4);
+        auto *sin = reinterpret_cast<const sockaddr_in *>(addr);
+        auto *p = reinterpret_cast<const uint8_t *>(&sin->sin_addr);
+        a.port = ntohs(sin->sin_port), a.addr.assign(p, p + 4);
     } else if (addr->sa_family == AF_INET6) {
-        auto *sin6 = reinterpret_cast<const struct sockaddr_in6 *>(addr);
-        a.port = ntohs(sin6->sin6_port);
+        auto *sin6 = reinterpret_cast<const sockaddr_in6 *>(addr);
+        a.port = ntohs(sin6->sin6_port), a.scope_id = sin6->sin6_scope_id;
         a.addr.assign(sin6->sin6_addr.s6_addr, sin6->sin6_addr.s6_addr + 16);
-        a.scope_id = sin6->sin6_scope_id;
     }
     s.attempts.push_back(a);
     int rc = fake::take_front(s.connect_results, 0);
-    if (rc != 0) {
-        /* A failed connect leaves no socket open. */
-        s.sockets[*sockfd] = false;
-        s.closed.push_back(*sockfd);
-    }
+    if (rc != 0) s.sockets[*sockfd] = false, s.closed.push_back(*sockfd); /* none left open */
     return rc;
 }
 
-int cmp_netsock_set_scope(struct sockaddr *addr, uint32_t addrlen)
+int cmp_netsock_set_scope(struct sockaddr *addr, uint32_t)
 {
-    (void)addrlen;
     Guard g(g_lock);
     int rc = fake::take_front(st().scope_results, 0);
-    if (rc == 0 && addr->sa_family == AF_INET6) {
-        reinterpret_cast<struct sockaddr_in6 *>(addr)->sin6_scope_id = 7;
-    }
+    if (rc == 0 && addr->sa_family == AF_INET6)
+        reinterpret_cast<sockaddr_in6 *>(addr)->sin6_scope_id = 7;
     return rc;
 }
 
-int32_t cmp_netsock_send_timeo(int32_t sockfd, const void *buf, uint32_t len, int flags,
-                               long timeout)
+int32_t cmp_netsock_send_timeo(int32_t, const void *buf, uint32_t len, int, long timeout)
 {
-    (void)sockfd;
-    (void)flags;
     Guard g(g_lock);
     return fake::take_send(buf, len, timeout);
 }
 
-int32_t cmp_netsock_recv_timeo(int32_t sockfd, void *buf, uint32_t len, int flags, long timeout)
+int32_t cmp_netsock_recv_timeo(int32_t, void *buf, uint32_t len, int, long timeout)
 {
-    (void)sockfd;
-    (void)flags;
     Guard g(g_lock);
-    bool is_error = false;
+    bool error = false;
     return fake::serve_receive(static_cast<uint8_t *>(buf), len, timeout, CMP_NETSOCK_TIMEOUT,
-                               &is_error);
+                               &error);
 }
 
 int cmp_netsock_close(int32_t sockfd)
 {
     Guard g(g_lock);
-    auto &s = st();
-    s.closed.push_back(sockfd);
-    auto it = s.sockets.find(sockfd);
-    if (it != s.sockets.end()) it->second = false;
+    st().closed.push_back(sockfd);
+    st().sockets[sockfd] = false;
     return 0;
 }
 
-/* ---- TLS wrapper ---- */
-static int g_tls_object;  // contexts and connections are addresses inside this
+/* ---- TLS wrapper: contexts and connections are addresses inside one object ---- */
+static int g_tls_object;
 
 uint32_t osl_scr_ssl_wrp_init(void **ctx)
 {
     Guard g(g_lock);
     auto &s = st();
     s.tls_calls.emplace_back("init");
-    *ctx = nullptr;
-    if (s.tls.init != 0) return s.tls.init;
-    s.tls_ctx++;
-    *ctx = &g_tls_object;
-    return 0;
+    *ctx = s.tls.init != 0 ? nullptr : &g_tls_object;
+    if (s.tls.init == 0) s.tls_ctx++;
+    return s.tls.init;
 }
 
-uint32_t osl_scr_ssl_wrp_set_verify(void *ctx)
+uint32_t osl_scr_ssl_wrp_set_verify(void *)
 {
-    (void)ctx;
     Guard g(g_lock);
     st().tls_calls.emplace_back("set_verify");
     return st().tls.set_verify;
 }
 
-uint32_t osl_scr_ssl_wrp_connect_timeo(void *ctx, const OSL_SCR_SSL_WRP_SETTINGS *settings,
+uint32_t osl_scr_ssl_wrp_connect_timeo(void *, const OSL_SCR_SSL_WRP_SETTINGS *settings,
                                        void **conn)
 {
-    (void)ctx;
     Guard g(g_lock);
     auto &s = st();
     s.tls_calls.emplace_back("connect");
     s.tls_settings = *settings;
-    *conn = nullptr;
-    if (s.tls.connect != 0) return s.tls.connect;
-    s.tls_conn++;
-    *conn = reinterpret_cast<char *>(&g_tls_object) + 1;
-    return 0;
+    *conn = s.tls.connect != 0 ? nullptr : reinterpret_cast<char *>(&g_tls_object) + 1;
+    if (s.tls.connect == 0) s.tls_conn++;
+    return s.tls.connect;
 }
 
-uint32_t osl_scr_ssl_wrp_read_timeo(void *conn, void *buf, uint32_t len, long timeout,
-                                    int32_t *count)
+uint32_t osl_scr_ssl_wrp_read_timeo(void *, void *buf, uint32_t len, long timeout, int32_t *count)
 {
-    (void)conn;
     Guard g(g_lock);
-    bool is_error = false;
+    bool error = false;
     int32_t n = fake::serve_receive(static_cast<uint8_t *>(buf), len, timeout,
-                                    (int32_t)OSL_SCR_SSL_WRP_ERR_TIMEOUT, &is_error);
-    if (is_error) {
-        *count = 0;
-        return (uint32_t)n;
-    }
-    *count = n;
-    return 0;
+                                    (int32_t)OSL_SCR_SSL_WRP_ERR_TIMEOUT, &error);
+    *count = error ? 0 : n;
+    return error ? (uint32_t)n : 0;
 }
 
-uint32_t osl_scr_ssl_wrp_write_timeo(void *conn, const void *buf, uint32_t len, long timeout,
+uint32_t osl_scr_ssl_wrp_write_timeo(void *, const void *buf, uint32_t len, long timeout,
                                      int32_t *count)
 {
-    (void)conn;
     Guard g(g_lock);
-    auto &s = st();
-    if (!s.tls.write.empty()) {
-        uint32_t rc = s.tls.write.front();
-        s.tls.write.erase(s.tls.write.begin());
-        if (rc != 0) {
-            *count = 0;
-            return rc;
-        }
-    }
-    *count = fake::take_send(buf, len, timeout);
+    auto &w = st().tls.write;
+    uint32_t rc = w.empty() ? 0 : w.front();
+    if (!w.empty()) w.erase(w.begin());
+    *count = rc != 0 ? 0 : fake::take_send(buf, len, timeout);
+    return rc;
+}
+
+uint32_t osl_scr_ssl_wrp_shutdown(void *)
+{
+    Guard g(g_lock);
+    st().tls_calls.emplace_back("shutdown");
+    st().tls_conn--;
+    return st().tls.shutdown;
+}
+
+uint32_t osl_scr_ssl_wrp_term(void *)
+{
+    Guard g(g_lock);
+    st().tls_calls.emplace_back("term");
+    st().tls_ctx--;
+    return st().tls.term;
+}
+
+/* ---- OS wrapper ---- */
+int32_t zelOSWCreateJoinTask(uint32_t *task_id, const char *, int32_t, uint32_t,
+                             ZEL_OSW_TASK_ENTRY entry, int32_t, void *a1, void *a2, void *a3,
+                             void *a4, void *a5, void *a6, void *a7, void *a8, void *a9, void *a10)
+{
+    Guard g(g_lock);
+    if (int32_t rc = fake::os_call("zelOSWCreateJoinTask")) return rc;
+    *task_id = st().next_id++;
+    st().tasks[*task_id] = std::thread([=] { entry(a1, a2, a3, a4, a5, a6, a7, a8, a9, a10); });
     return 0;
 }
 
-uint32_t osl_scr_ssl_wrp_shutdown(void *conn)
+int32_t zelOSWWaitTask(uint32_t task_id, int32_t)
 {
-    (void)conn;
-    Guard g(g_lock);
-    auto &s = st();
-    s.tls_calls.emplace_back("shutdown");
-    s.tls_conn--;
-    return s.tls.shutdown;
-}
-
-uint32_t osl_scr_ssl_wrp_term(void *ctx)
-{
-    (void)ctx;
-    Guard g(g_lock);
-    auto &s = st();
-    s.tls_calls.emplace_back("term");
-    s.tls_ctx--;
-    return s.tls.term;
-}
-
-/* ---- OS wrapper: tasks, mutexes, queues ---- */
-
-int32_t zelOSWCreateJoinTask(uint32_t *task_id, const char *name, int32_t priority,
-                             uint32_t stack_size, ZEL_OSW_TASK_ENTRY entry, int32_t options,
-                             void *a1, void *a2, void *a3, void *a4, void *a5, void *a6, void *a7,
-                             void *a8, void *a9, void *a10)
-{
-    (void)name;
-    (void)priority;
-    (void)stack_size;
-    (void)options;
-    Guard g(g_lock);
-    int32_t rc = fake::next_os_result("zelOSWCreateJoinTask");
-    if (rc != 0) return rc;
-    uint32_t id = st().next_id++;
-    *task_id = id;
-    st().tasks[id] = std::thread([=] { entry(a1, a2, a3, a4, a5, a6, a7, a8, a9, a10); });
-    return 0;
-}
-
-int32_t zelOSWWaitTask(uint32_t task_id, int32_t timeout)
-{
-    (void)timeout;
     std::thread t;
     {
         Guard g(g_lock);
-        int32_t rc = fake::next_os_result("zelOSWWaitTask");
-        if (rc != 0) return rc;
+        if (int32_t rc = fake::os_call("zelOSWWaitTask")) return rc;
         auto it = st().tasks.find(task_id);
         if (it == st().tasks.end()) return 3;
         t = std::move(it->second);
         st().tasks.erase(it);
     }
-    if (t.joinable()) t.join();
+    t.join();
     return 0;
 }
 
-void zelOSWExitTask(int32_t code)
-{
-    (void)code;
-    Guard g(g_lock);
-    (void)fake::next_os_result("zelOSWExitTask");
-    /* The task body returns right after this call; returning ends the thread. */
-}
+/* The task body returns right after this call, which ends its thread. */
+void zelOSWExitTask(int32_t) LOCKED((void)fake::os_call("zelOSWExitTask")) int32_t
+    zelOSWLockTask(void) LOCKED(return fake::os_call("zelOSWLockTask")) int32_t
+    zelOSWUnlockTask(void) LOCKED(return fake::os_call("zelOSWUnlockTask"))
 
-int32_t zelOSWLockTask(void)
+        int32_t zelOSWCreateMutexSem(uint32_t *mutex_id, uint32_t, uint32_t)
 {
     Guard g(g_lock);
-    return fake::next_os_result("zelOSWLockTask");
-}
-
-int32_t zelOSWUnlockTask(void)
-{
-    Guard g(g_lock);
-    return fake::next_os_result("zelOSWUnlockTask");
-}
-
-int32_t zelOSWCreateMutexSem(uint32_t *mutex_id, uint32_t options, uint32_t initial)
-{
-    (void)options;
-    (void)initial;
-    Guard g(g_lock);
-    int32_t rc = fake::next_os_result("zelOSWCreateMutexSem");
-    if (rc != 0) return rc;
-    uint32_t id = st().next_id++;
-    st().mutexes[id] = std::make_unique<std::timed_mutex>();
-    *mutex_id = id;
+    if (int32_t rc = fake::os_call("zelOSWCreateMutexSem")) return rc;
+    *mutex_id = st().next_id++;
+    st().mutexes[*mutex_id] = std::make_unique<std::timed_mutex>();
     return 0;
 }
 
-int32_t zelOSWRequestMutexSem(uint32_t mutex_id, int32_t timeout)
+static std::timed_mutex *fake_mutex(const char *function, uint32_t id, int32_t *rc)
 {
-    (void)timeout;
-    std::timed_mutex *m = nullptr;
-    {
-        Guard g(g_lock);
-        int32_t rc = fake::next_os_result("zelOSWRequestMutexSem");
-        if (rc != 0) return rc;
-        auto it = st().mutexes.find(mutex_id);
-        if (it == st().mutexes.end()) return 3;
-        m = it->second.get();
-    }
-    m->lock();
-    return 0;
+    Guard g(g_lock);
+    auto it = st().mutexes.find(id);
+    *rc = fake::os_call(function);
+    if (*rc == 0 && it == st().mutexes.end()) *rc = 3;
+    return *rc == 0 ? it->second.get() : nullptr;
+}
+
+int32_t zelOSWRequestMutexSem(uint32_t mutex_id, int32_t)
+{
+    int32_t rc;
+    if (std::timed_mutex *m = fake_mutex("zelOSWRequestMutexSem", mutex_id, &rc)) m->lock();
+    return rc;
 }
 
 int32_t zelOSWReleaseMutexSem(uint32_t mutex_id)
 {
+    int32_t rc;
+    if (std::timed_mutex *m = fake_mutex("zelOSWReleaseMutexSem", mutex_id, &rc)) m->unlock();
+    return rc;
+}
+
+int32_t zelOSWCreateMsgQueue(uint32_t *queue_id, uint32_t, uint32_t, uint32_t)
+{
     Guard g(g_lock);
-    int32_t rc = fake::next_os_result("zelOSWReleaseMutexSem");
-    if (rc != 0) return rc;
-    auto it = st().mutexes.find(mutex_id);
-    if (it == st().mutexes.end()) return 3;
-    it->second->unlock();
+    if (int32_t rc = fake::os_call("zelOSWCreateMsgQueue")) return rc;
+    *queue_id = st().next_id++;
+    st().queues[*queue_id];
     return 0;
 }
 
-int32_t zelOSWCreateMsgQueue(uint32_t *queue_id, uint32_t max_messages, uint32_t message_size,
-                             uint32_t options)
+int32_t zelOSWSendMsgQueue(uint32_t queue_id, const void *message, uint32_t size, int32_t, uint32_t)
 {
-    (void)options;
     Guard g(g_lock);
-    int32_t rc = fake::next_os_result("zelOSWCreateMsgQueue");
-    if (rc != 0) return rc;
-    uint32_t id = st().next_id++;
-    fake::Queue q;
-    q.max_messages = max_messages;
-    q.message_size = message_size;
-    st().queues[id] = q;
-    *queue_id = id;
-    return 0;
-}
-
-int32_t zelOSWSendMsgQueue(uint32_t queue_id, const void *message, uint32_t size, int32_t timeout,
-                           uint32_t priority)
-{
-    (void)timeout;
-    (void)priority;
-    Guard g(g_lock);
-    int32_t rc = fake::next_os_result("zelOSWSendMsgQueue");
-    if (rc != 0) return rc;
+    if (int32_t rc = fake::os_call("zelOSWSendMsgQueue")) return rc;
     auto it = st().queues.find(queue_id);
     if (it == st().queues.end()) return 3;
-    if (it->second.messages.size() >= it->second.max_messages) return 11;
-    const auto *p = static_cast<const uint8_t *>(message);
-    it->second.messages.emplace_back(p, p + size);
+    if (!it->second.empty()) return 11; /* one slot */
+    it->second.emplace_back((const uint8_t *)message, (const uint8_t *)message + size);
     return 0;
 }
 
-int32_t zelOSWReceiveMsgQueue(uint32_t queue_id, void *buffer, uint32_t size, int32_t timeout)
+int32_t zelOSWReceiveMsgQueue(uint32_t queue_id, void *buffer, uint32_t size, int32_t)
 {
-    (void)timeout;
     Guard g(g_lock);
-    int32_t rc = fake::next_os_result("zelOSWReceiveMsgQueue");
-    if (rc != 0) return rc;
+    if (int32_t rc = fake::os_call("zelOSWReceiveMsgQueue")) return rc;
     auto it = st().queues.find(queue_id);
     if (it == st().queues.end()) return 3;
-    if (it->second.messages.empty()) return ZELOSW_NO_MESSAGE;
-    fake::Bytes m = it->second.messages.front();
-    it->second.messages.pop_front();
-    memcpy(buffer, m.data(), m.size() < size ? m.size() : size);
+    if (it->second.empty()) return ZELOSW_NO_MESSAGE;
+    fake::Bytes m = std::move(it->second.front());
+    it->second.pop_front();
+    memcpy(buffer, m.data(), std::min<size_t>(m.size(), size));
     return 0;
 }
 
 int32_t zelOSWDeleteMsgQueue(uint32_t queue_id)
 {
     Guard g(g_lock);
-    int32_t rc = fake::next_os_result("zelOSWDeleteMsgQueue");
-    if (rc != 0) return rc;
+    if (int32_t rc = fake::os_call("zelOSWDeleteMsgQueue")) return rc;
     return st().queues.erase(queue_id) == 1 ? 0 : 3;
 }
 
@@ -883,9 +594,8 @@ int32_t ent_set_get_status(uint32_t key1, uint32_t key2, void *value)
     if (key1 != ENT_SET_KEY1_ME_STC_U08_LDAP_PROTOCOL ||
         key2 != ENT_SET_KEY2_ME_STC_U08_LDAP_PROTOCOL)
         return 2;
-    if (s.setting_rc != 0) return s.setting_rc;
-    *static_cast<uint8_t *>(value) = s.setting_value;
-    return 0;
+    if (s.setting_rc == 0) *static_cast<uint8_t *>(value) = s.setting_value;
+    return s.setting_rc;
 }
 
 }  // extern "C"

@@ -16,9 +16,6 @@
 #include <netinet/in.h>
 #include <stdint.h>
 
-#include <deque>
-#include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -89,16 +86,13 @@ void peer_data(const Bytes &bytes);          /* served across as many receives a
 void peer_data_bytewise(const Bytes &bytes); /* one receive per octet */
 void peer_timeout();                         /* one receive returns -2 / 0x72010006 */
 void peer_error(int32_t rc);                 /* plain: returns rc; TLS: returns (uint32_t)rc */
-void peer_close();                           /* one receive returns 0 bytes */
 /* With nothing scripted left, a receive reports the peer closed. */
-std::vector<long> recv_timeouts();  /* the time-out each receive was given */
-std::vector<uint32_t> recv_sizes(); /* the length each receive asked for */
+std::vector<long> recv_timeouts(); /* the time-out each receive was given */
 
 /* Sends: each entry scripts one send; >= 0 takes at most that many octets,
  * a negative value is returned as it stands. Unscripted sends take everything. */
 void script_send(std::vector<int32_t> results);
 const Bytes &sent(); /* every octet taken, plain and TLS alike */
-std::vector<Bytes> sent_chunks();
 std::vector<long> send_timeouts();
 
 /* ---- TLS wrapper ---- */
@@ -112,14 +106,16 @@ long live_tls_contexts();
 long live_tls_connections();
 std::vector<std::string> tls_calls(); /* "init", "set_verify", "connect", "shutdown", "term" */
 
-/* ---- OS wrapper and settings ---- */
-/* Each call of the named function returns the next scripted value (default 0). */
+/* ---- OS wrapper: tasks, mutexes, queues ---- */
+/* Each call of the named zelOSW function returns the next scripted value (default 0);
+ * a non-zero value is returned without doing anything. */
 void script_os(const std::string &function, std::vector<int32_t> results);
 std::vector<std::string> os_calls();
-/* zelOSWCreateJoinTask runs the entry on a real thread; zelOSWWaitTask joins it. */
-long live_tasks();
+/* Tasks run on real threads; zelOSWWaitTask joins. Queues keep what is sent, and a
+ * non-waiting receive on an empty one returns 110. */
 long live_queues();
 
+/* ---- settings store ---- */
 void set_setting(int32_t rc, uint8_t value); /* ME_STC_U08_LDAP_PROTOCOL */
 long setting_reads();
 

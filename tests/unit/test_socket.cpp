@@ -1,179 +1,226 @@
-/* Name resolution and connect: address order, the last attempt's result, and
- * the failures that stop at once. */
+/* Connect, whole-PDU send and read on both paths, TLS start and end. */
 #include "cmp_ldap_internal.h"
 #include "support.h"
 
-using support::FakePortTest;
+using namespace support;
 using Lines = std::vector<std::string>;
+constexpr int32_t kSame = 77; /* an ld_errno nothing here sets */
+static const fake::Resolved v4a = fake::ipv4("192.0.2.1"), v4b = fake::ipv4("192.0.2.2"),
+                            g6 = fake::ipv6("2001:db8::1"), ll = fake::ipv6("fe80::1");
 
-class Connect : public FakePortTest {
+class Socket : public FakePortTest {
   protected:
     CMP_LDAP ld{};
-    int connect(long timeout = 5000)
+    CMP_LDAP_MESSAGE *msg = nullptr;
+    void fresh(bool tls = false)
     {
-        return cmp_ldap_connect(&ld, "ldap.example", 389, timeout, 0, 0);
+        fake::reset();
+        ld = CMP_LDAP{};
+        ld.ld_sockfd = 9;
+        ld.ld_sock_timeout = 7000;
+        ld.ld_errno = kSame;
+        ld.ld_ssl_conn = tls ? &ld : nullptr; /* any non-NULL connection selects TLS */
     }
+    int connect() { return cmp_ldap_connect(&ld, "ldap.example", 389, 5000, 0, 0); }
+    int read() { return cmp_ldap_read_berdata(&ld, 1234, &msg); }
+    long tls_left() { return !!ld.ld_ssl_ctx + !!ld.ld_ssl_conn + fake::live_tls_contexts(); }
 };
 
-TEST_F(Connect, TriesIpv4ThenGlobalThenLinkLocalWhateverTheResolverOrder)
+TEST_F(Socket, ConnectTriesIpv4ThenGlobalThenLinkLocalWhateverTheResolverOrder)
 {
     /* fe80::/10 covers febf:: but not fec0:: */
-    fake::set_resolver(0, {fake::ipv6("fe80::1"), fake::ipv6("2001:db8::1"),
-                           fake::Resolved{AF_UNIX, {1, 2}}, fake::ipv4("192.0.2.1"),
-                           fake::ipv6("febf::1"), fake::ipv6("fec0::1"), fake::ipv4("192.0.2.2")});
+    const fake::Resolved in[] = {
+        ll, g6, {AF_UNIX, {1, 2}}, v4a, fake::ipv6("febf::1"), fake::ipv6("fec0::1"), v4b};
+    const size_t order[] = {3, 6, 1, 5, 0, 4};
+    fake::set_resolver(0, {std::begin(in), std::end(in)});
     fake::script_connect({-1, -1, -1, -1, -1, 0});
     ASSERT_EQ(connect(), 0);
-
     const auto &a = fake::connect_attempts();
-    const fake::Resolved expect[] = {fake::ipv4("192.0.2.1"),   fake::ipv4("192.0.2.2"),
-                                     fake::ipv6("2001:db8::1"), fake::ipv6("fec0::1"),
-                                     fake::ipv6("fe80::1"),     fake::ipv6("febf::1")};
     ASSERT_EQ(a.size(), 6u);
-    for (size_t i = 0; i < a.size(); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(a[i].family, expect[i].family);
-        EXPECT_EQ(a[i].addr, expect[i].addr);
-        EXPECT_EQ(a[i].port, 389);
-        EXPECT_EQ(a[i].timeout, 5000);
-        EXPECT_EQ(a[i].addrlen, expect[i].family == AF_INET ? 16u : 28u);
-        /* set_scope runs for the link-local addresses only */
-        EXPECT_EQ(a[i].scope_id, i >= 4 ? 7u : 0u);
-    }
+    for (size_t i = 0; i < a.size(); ++i) /* the scope is set for link-local ones only */
+        EXPECT_EQ(
+            std::tie(a[i].addr, a[i].port, a[i].timeout, a[i].addrlen, a[i].scope_id),
+            std::make_tuple(in[order[i]].addr, 389, 5000L, i < 2 ? 16u : 28u, i >= 4 ? 7u : 0u));
+    ASSERT_EQ(lines().size(), 5u);
+    EXPECT_EQ(lines()[4], "cmp_ldap_connect(): Connection failed (rc=-1,len=28)\n");
     EXPECT_EQ(ld.ld_sockfd, a[5].sockfd);
-    const std::string v4 = "cmp_ldap_connect(): Connection failed (rc=-1,len=16)\n";
-    const std::string v6 = "cmp_ldap_connect(): Connection failed (rc=-1,len=28)\n";
-    EXPECT_EQ(lines(), (Lines{v4, v4, v6, v6, v6}));
-    EXPECT_EQ(fake::log()[0].rc, -1);
-    EXPECT_EQ(fake::open_sockets(), 1);
-    EXPECT_EQ(cmp_ldap_close_socket(ld.ld_sockfd), 0);
-    EXPECT_EQ(fake::open_sockets(), 0);
 }
 
-TEST_F(Connect, ResultIsThatOfTheLastAttempt)
+TEST_F(Socket, ConnectFailures)
 {
-    struct Case {
-        std::vector<int> outcomes;
-        int result;
-    } cases[] = {{{-2, -1}, CMP_LDAP_CONNECT_ERROR}, {{-1, -2}, CMP_LDAP_TIMEOUT}};
-    for (const Case &c : cases) {
-        fake::reset();
-        ld = CMP_LDAP{};
-        fake::set_resolver(0, {fake::ipv4("192.0.2.1"), fake::ipv4("192.0.2.2")});
-        fake::script_connect(c.outcomes);
-        EXPECT_EQ(connect(-1), c.result);
-        EXPECT_EQ(fake::connect_attempts().size(), 2u);
-        EXPECT_EQ(fake::connect_attempts()[0].timeout, -1);
-        EXPECT_EQ(fake::log()[1].rc, c.outcomes[1]);
-        EXPECT_EQ(fake::open_sockets(), 0);
-        EXPECT_EQ(fake::live_addrinfo(), 0);
-        EXPECT_EQ(ld.ld_sockfd, 0);
-    }
-}
-
-TEST_F(Connect, FailuresBeforeAnyConnect)
-{
-    struct Case {
-        const char *name;
-        int resolver_rc;
-        std::vector<fake::Resolved> entries;
-        std::vector<int> sockets, scopes;
-        int result;
-        size_t attempts;
-        Lines log;
-        int32_t log_rc;
-    } cases[] = {
-        {"resolver",
-         -3,
-         {},
-         {},
-         {},
-         CMP_LDAP_ADDRESS_ERROR,
-         0,
-         {"cmp_ldap_connect(): Failed to cmp_netsock_getaddrinfo() (rc=-3).\n"},
-         -3},
-        {"no ip",
-         0,
-         {fake::Resolved{AF_UNIX, {1}}},
-         {},
-         {},
-         CMP_LDAP_ADDRESS_ERROR,
-         0,
-         {"cmp_ldap_connect(): ipaddr illegal.\n"},
-         -1},
-        {"empty",
-         0,
-         {},
-         {},
-         {},
-         CMP_LDAP_ADDRESS_ERROR,
-         0,
-         {"cmp_ldap_connect(): ipaddr illegal.\n"},
-         -1},
-        {"socket",
-         0,
-         {fake::ipv4("192.0.2.1"), fake::ipv4("192.0.2.2")},
-         {-1},
-         {},
-         CMP_LDAP_SOCKET_ERROR,
-         0,
-         {"cmp_ldap_connect(): Failed to create socket endpoint (rc=-1,ai_family=2).\n"},
-         -1},
-        /* a refused IPv4 first; the scope failure then stops before the next address */
-        {"scope",
-         0,
-         {fake::ipv6("fe80::1"), fake::ipv4("192.0.2.1"), fake::ipv6("fe80::2")},
-         {},
-         {-5},
-         CMP_LDAP_OTHER,
-         1,
-         {"cmp_ldap_connect(): Connection failed (rc=1,len=16)\n",
-          "cmp_ldap_connect(): cmp_netsock_set_scope error (rc=-5).\n"},
-         -5},
+    /* no entries: the resolver fails; socket, scope: 0 is the default; a further connect works.
+     * The last attempt decides 279 or 260; no socket or no scope stops at once. */
+    using R = std::tuple<std::vector<fake::Resolved>, int, int, std::vector<int>, int, std::string>;
+    const R cases[] = {
+        {{}, 0, 0, {}, 277, "Failed to cmp_netsock_getaddrinfo() (rc=-3)."},
+        {{{AF_UNIX, {1}}}, 0, 0, {}, 277, "ipaddr illegal."},
+        {{v4a, v4b}, 0, 0, {-2, -1}, 279, "Connection failed (rc=-1,len=16)"},
+        {{v4a, v4b}, 0, 0, {-1, -2}, 260, "Connection failed (rc=-2,len=16)"},
+        {{v4a, v4b}, -1, 0, {}, 278, "Failed to create socket endpoint (rc=-1,ai_family=2)."},
+        {{ll, v4a, ll}, 0, -5, {1}, 80, "cmp_netsock_set_scope error (rc=-5)."},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        fake::reset();
-        ld = CMP_LDAP{};
-        fake::set_resolver(c.resolver_rc, c.entries);
-        fake::script_socket(c.sockets);
-        fake::script_set_scope(c.scopes);
-        fake::script_connect({1});
-        EXPECT_EQ(connect(), c.result);
-        EXPECT_EQ(fake::connect_attempts().size(), c.attempts);
-        EXPECT_EQ(lines(), c.log);
-        EXPECT_EQ(fake::log().back().rc, c.log_rc);
-        EXPECT_EQ(fake::open_sockets(), 0);
-        EXPECT_EQ(fake::live_addrinfo(), 0);
-        EXPECT_EQ(ld.ld_sockfd, 0);
+    for (const auto &[entries, socket, scope, connects, result, last] : cases) {
+        SCOPED_TRACE(last);
+        fresh();
+        fake::set_resolver(entries.empty() ? -3 : 0, entries);
+        if (socket != 0) fake::script_socket({socket});
+        fake::script_set_scope({scope});
+        fake::script_connect(connects);
+        EXPECT_EQ(connect(), result);
+        EXPECT_EQ(fake::connect_attempts().size(), connects.size());
+        EXPECT_EQ(lines().back(), "cmp_ldap_connect(): " + last + "\n");
+        EXPECT_EQ(fake::open_sockets() + fake::live_addrinfo(), 0);
     }
 }
 
-TEST_F(Connect, EveryCandidateAllocationFailingLeaksNothing)
+TEST_F(Socket, EveryAllocationOfConnectAndReadFailingLeaksNothing)
 {
-    long n = support::sweep_alloc_failures([&](long k) {
-        ld = CMP_LDAP{};
-        fake::set_resolver(
-            0, {fake::ipv6("2001:db8::1"), fake::ipv4("192.0.2.1"), fake::ipv6("fe80::1")});
+    const Lines node = {"cmp_ldap_add_addrinfo(): Failed to allocate(" +
+                        std::to_string(sizeof(CMP_LDAP_ADDR_NODE)) + " btyes).\n"};
+    long n = sweep_alloc_failures([&](long k) {
+        fresh();
+        fake::set_resolver(0, {g6, v4a, ll}); /* allocations 1-3: candidates, 4: the message */
+        fake::peer_data(hex("30 0C 02 01 01 61 07 0A 01 00 04 00 04 00"));
         fake::arm_alloc_failure(k);
-        int rc = connect();
+        const int rc = connect();
+        EXPECT_EQ(rc, k == 0 || k == 4 ? 0 : 265);
         EXPECT_EQ(fake::live_addrinfo(), 0);
-        if (k == 0) {
-            EXPECT_EQ(rc, 0);
-            cmp_ldap_close_socket(ld.ld_sockfd);
-            return;
-        }
-        EXPECT_EQ(rc, CMP_LDAP_NO_MEMORY);
-        EXPECT_TRUE(fake::connect_attempts().empty());
-        EXPECT_EQ(lines(), (Lines{"cmp_ldap_add_addrinfo(): Failed to allocate(" +
-                                  std::to_string(sizeof(CMP_LDAP_ADDR_NODE)) + " btyes).\n"}));
+        EXPECT_EQ(lines(), rc == 0 ? Lines{} : node);
+        if (rc != 0) return;
+        EXPECT_EQ(read(), k == 0 ? 0 : -1);
+        if (k == 0) return free_block(msg);
+        EXPECT_EQ(ld.ld_errno, 265);
+        EXPECT_EQ(lines(), Lines{"cmp_ldap_read_berdata(): Failed to allocate(414 btyes).\n"});
     });
-    EXPECT_EQ(n, 3);
+    EXPECT_EQ(n, 4);
 }
 
-TEST(ConnectDeathTest, NullHandleOrHostname)
+TEST_F(Socket, ReadWholePdusInOneChunkOrByteByByte)
 {
-    CMP_LDAP ld{};
-    EXPECT_DEATH(cmp_ldap_connect(nullptr, "h", 389, 0, 0, 0), "ld != \\(\\(void \\*\\)0\\)");
-    EXPECT_DEATH(cmp_ldap_connect(&ld, nullptr, 389, 0, 0, 0),
-                 "cmp_ldap_socket.*cmp_ldap_connect.*hostname != \\(\\(void \\*\\)0\\)");
+    const std::string size = "cmp_ldap_determine_record_size(): ", rd = "cmp_ldap_read_berdata(): ",
+                      plain = "cmp_ldap_recv_data(): cmp_netsock_recv_timeo() error.sizeRead=",
+                      tls = "cmp_ldap_recv_data(): osl_scr_ssl_wrp_read_timeo() error.ret=";
+    /* then: the peer closes (0), times out (-2; TLS 0x72010006) or fails; length: the PDU's */
+    const std::tuple<std::string, int32_t, int, int32_t, uint32_t, Lines> cases[] = {
+        {"30 00", 0, 0, kSame, 2, {}},
+        {"30 84 00000003 02 01 05", 0, 0, kSame, 9, {}},
+        {"30 80 02 01 05", 0, 0, kSame, 2, {}}, /* 0x80 reads as no content; deliberate */
+        {"", 0, -1, 2, 0, {}},
+        {"30", 0, -1, kSame, 0, {}},
+        {"30 85", 0, -1, kSame, 0, {size + "Length-field is over 32bit.fieldLen=0x05.\n"}},
+        {"30 84 00 00", 0, -1, 2, 0, {size + "read illegal data. fieldLen=4,restLen=2.\n"}},
+        {"30 05 02 01", 0, -1, 2, 7, {rd + "read illegal data. length=5,restLen=3.\n"}},
+        /* hostile lengths: nothing wrapping 32 bits or past INT32_MAX (6 + 0x7FFFFFF9) is asked */
+        {"3084 FFFFFFFF", 0, -1, kSame, 0, {}}, /* 0xFFFFFFFF: refused, no code */
+        {"3084 FFFFFFFE", 0, -1, 265, 0, {rd + "Failed to allocate(4294967700 btyes).\n"}},
+        {"3084 7FFFFFFA", 0, -1, 265, 0, {rd + "Failed to allocate(2147484048 btyes).\n"}},
+        {"3084 7FFFFFF9", 0, -1, 265, INT32_MAX, {rd + "Failed to allocate(2147484047 btyes).\n"}},
+        {"", -2, -1, 260, 0, {plain + "[-2]\n"}},
+        {"30 82 01", -1, -1, 2, 0, {plain + "[-1]\n"}},
+        {"", 0x72010005, -1, 272, 0, {tls + "[72010005]\n"}},
+        {"30 05 02", 0x72010006, -1, 260, 7, {tls + "[72010006]\n"}},
+    };
+    for (const auto &[peer, ev, result, err, length, log_lines] : cases) {
+        for (bool bytewise : {false, true}) {
+            SCOPED_TRACE(::testing::Message() << peer << " then " << ev << " " << bytewise);
+            fresh(ev > 0);
+            if (!peer.empty()) (bytewise ? fake::peer_data_bytewise : fake::peer_data)(hex(peer));
+            if (ev) ev == -2 || ev == 0x72010006 ? fake::peer_timeout() : fake::peer_error(ev);
+            fake::arm_alloc_failure(length > 0xFFFF ? 1 : 0); /* never really ask for 2 GiB */
+            EXPECT_EQ(read(), result);
+            EXPECT_EQ(ld.ld_errno, err);
+            EXPECT_EQ(fake::alloc_sizes(), std::vector<uint32_t>(length ? 1 : 0, length + 400));
+            EXPECT_EQ(lines(), log_lines);
+            EXPECT_EQ(fake::recv_timeouts(), std::vector<long>(fake::recv_timeouts().size(), 1234));
+            EXPECT_EQ(fake::live_blocks(), result == 0 ? 1 : 0);
+            if (msg == nullptr) continue;
+            ASSERT_EQ(msg->cmp_ldap_total_size, (int32_t)length);
+            EXPECT_EQ(memcmp(cmp_ldap_pdu(msg), hex(peer).data(), length), 0);
+            free_block(msg);
+        }
+    }
+}
+
+TEST_F(Socket, SendsWholeOrFails)
+{
+    const Bytes pdu = hex("30 05 02 01 01 42 00");
+    const std::string plain = "cmp_ldap_send_data(): cmp_netsock_send_timeo() error.sizeWritten=",
+                      tls = "cmp_ldap_send_data(): osl_scr_ssl_wrp_write_timeo() error.ret=";
+    /* send: what the transport takes, or its negative result; write: the TLS write's error */
+    const std::tuple<bool, int32_t, uint32_t, int, int32_t, Lines> cases[] = {
+        {false, 7, 0, 7, kSame, {}},
+        {true, 7, 0, 7, kSame, {}},
+        {false, 3, 0, -1, 256, {}}, /* a short write is not resumed */
+        {true, 3, 0, -1, 256, {}},
+        {true, -2, 0, -2, kSame, {}}, /* a TLS negative count goes back as is; deliberate */
+        {false, -2, 0, -1, 260, {plain + "[-2]\n"}},
+        {false, -1, 0, -1, 256, {plain + "[-1]\n"}},
+        {true, 7, 0x72010006, -1, 260, {tls + "[72010006]\n"}},
+        {true, 7, 0x72010005, -1, 272, {tls + "[72010005]\n"}},
+    };
+    for (const auto &[over_tls, send, write, result, err, log_lines] : cases) {
+        SCOPED_TRACE(::testing::Message() << over_tls << " " << send << " " << write);
+        fresh(over_tls);
+        fake::script_send({send});
+        fake::set_tls({0, 0, 0, 0, 0, {write}});
+        CMP_LDAP_SEND_BUF buf{pdu.data(), (uint32_t)pdu.size()};
+        EXPECT_EQ(cmp_ldap_send_berdata(&ld, &buf), result);
+        EXPECT_EQ(ld.ld_errno, err);
+        EXPECT_EQ(lines(), log_lines);
+        EXPECT_EQ(fake::sent(), Bytes(pdu.begin(), pdu.begin() + (write || send < 0 ? 0 : send)));
+        EXPECT_EQ(fake::send_timeouts(), std::vector<long>(fake::send_timeouts().size(), 7000));
+    }
+}
+
+TEST_F(Socket, TlsStartAndEnd)
+{
+    CMP_LDAP_CONN_PARAM param{};
+    param.ssl_version = 0x11;
+    param.ssl_hash = 0x22;
+    param.ssl_encrpt = 0x33;
+    param.ssl_accepted_signature_algorithm = 0x44;
+    const Lines down = {"cmp_ldap_tls_end():osl_scr_ssl_wrp_shutdown() error.ret=[72010005].\n",
+                        "cmp_ldap_tls_end():osl_scr_ssl_wrp_term() error.ret=[720100ff].\n"};
+    for (uint8_t auth : {0, 1, 2, 3}) {
+        SCOPED_TRACE((int)auth);
+        fresh();
+        param.ssl_auth = auth;
+        EXPECT_EQ(cmp_ldap_tls_end(&ld), 0); /* without TLS: does nothing */
+        ASSERT_EQ(cmp_ldap_tls_start(&ld, &param), 0);
+        /* socket 9, time-out 7000, verify flag only for ssl_auth 1, the four masks, zeros */
+        const auto *s = reinterpret_cast<const uint8_t *>(&fake::last_tls_settings());
+        EXPECT_EQ(Bytes(s, s + 16), hex(auth == 1 ? "09000000 581B0000 01 11223344 000000"
+                                                  : "09000000 581B0000 00 11223344 000000"));
+        if (auth == 3) fake::set_tls({0, 0, 0, 0x72010005, 0x720100ff, {}}); /* logged, ignored */
+        EXPECT_EQ(cmp_ldap_tls_end(&ld), 0);
+        EXPECT_EQ(tls_left(), 0);
+        EXPECT_EQ(cmp_ldap_tls_end(&ld), 0);                      /* the second end does nothing */
+        EXPECT_EQ(fake::tls_calls().size(), auth == 2 ? 5u : 4u); /* set_verify for 2 only */
+        EXPECT_EQ(lines(), auth == 3 ? down : Lines{});
+        EXPECT_TRUE(fake::closed_sockets().empty()); /* the socket is the caller's */
+    }
+
+    /* wrapper code as logged, then ld_errno when init, set_verify or the handshake returns it */
+    const std::tuple<std::string, int32_t, int32_t, int32_t> rows[] = {
+        {"72010002", 275, 275, 269}, {"72010003", 275, 275, 270}, {"72010004", 275, 275, 271},
+        {"72010005", 275, 275, 272}, {"72010006", 275, 275, 260}, {"72010007", 267, 275, 275},
+        {"72010008", 266, 275, 275}, {"7201000a", 273, 275, 275}, {"7201000b", 275, 275, 272},
+        {"7201001d", 275, 275, 274}, {"72010009", 275, 268, 275}, {"720100ff", 275, 275, 275},
+    };
+    const std::string fn[] = {"init", "setverify", "connect_timeo"}; /* "setverify": as always */
+    param.ssl_auth = 2;
+    for (const auto &[text, init, verify, handshake] : rows) {
+        for (int stage = 0; stage < 3; ++stage) {
+            SCOPED_TRACE(text + " " + fn[stage]);
+            fresh();
+            uint32_t code[3] = {};
+            code[stage] = std::stoul(text, nullptr, 16);
+            fake::set_tls({code[0], code[1], code[2], 0, 0, {}});
+            EXPECT_EQ(cmp_ldap_tls_start(&ld, &param), -1);
+            EXPECT_EQ(ld.ld_errno, stage == 0 ? init : stage == 1 ? verify : handshake);
+            EXPECT_EQ(lines(), Lines{"cmp_ldap_tls_start(): osl_scr_ssl_wrp_" + fn[stage] +
+                                     "() error.ret=[" + text + "]\n"});
+            EXPECT_EQ(tls_left(), 0); /* no context left */
+        }
+    }
 }
