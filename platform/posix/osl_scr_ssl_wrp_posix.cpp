@@ -305,7 +305,10 @@ uint32_t failure_code(const TlsConn *c, int ssl_error, int saved_errno, bool ver
                 break;
         }
     }
-    if (ssl_error == SSL_ERROR_ZERO_RETURN || c->eof) return OSL_SCR_SSL_WRP_ERR_CLOSED;
+    /* A reset is the peer closing too, only less politely. */
+    if (ssl_error == SSL_ERROR_ZERO_RETURN || c->eof || saved_errno == ECONNRESET ||
+        saved_errno == EPIPE)
+        return OSL_SCR_SSL_WRP_ERR_CLOSED;
     if (ssl_error == SSL_ERROR_SYSCALL && saved_errno != 0) return OSL_SCR_SSL_WRP_ERR_IO;
     return OSL_SCR_SSL_WRP_ERR_GENERAL;
 }

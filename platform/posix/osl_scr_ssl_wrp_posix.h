@@ -60,8 +60,8 @@
  *               the masks leave none)
  *   0x72010005  handshake, read, write: socket error
  *   0x72010006  handshake, read, write: time-out
- *   0x7201000b  handshake, read: the peer closed the connection without
- *               close_notify (a read after close_notify returns 0 bytes instead)
+ *   0x7201000b  handshake, read, write: the peer closed or reset the connection
+ *               without close_notify (a read after close_notify returns 0 bytes)
  *   0x7201001d  handshake: the certificate does not name the host (DNS name, or
  *               IP address for an address literal); also when verification is
  *               on and the socket's host name is unknown

@@ -177,8 +177,9 @@ int32_t wait_until(Waitable *w, int32_t timeout_ms, Ready ready)
 struct Task {
     ZEL_OSW_TASK_ENTRY entry;
     void *args[10];
-    bool ended;   /* under g_tasks_w.lock */
-    bool waiting; /* a zelOSWWaitTask is on it */
+    char name[16]; /* the kernel keeps 15 characters */
+    bool ended;    /* under g_tasks_w.lock */
+    bool waiting;  /* a zelOSWWaitTask is on it */
 };
 
 IdTable<Task, 64> g_tasks;
@@ -221,6 +222,8 @@ void *task_main(void *arg)
     Task *t = static_cast<Task *>(arg);
     /* Cannot fail: glibc keeps the first keys in the thread itself. */
     pthread_setspecific(g_current_task, t);
+    /* Named from inside: a detached thread's handle may be stale outside. */
+    if (t->name[0] != '\0') pthread_setname_np(pthread_self(), t->name);
     void **a = t->args;
     t->entry(a[0], a[1], a[2], a[3], a[4], a[5], a[6], a[7], a[8], a[9]);
     return nullptr;
@@ -299,6 +302,7 @@ int32_t zelOSWCreateJoinTask(uint32_t *task_id, const char *name, int32_t priori
     auto *t = static_cast<Task *>(calloc(1, sizeof(Task)));
     if (t == nullptr) return ENOMEM;
     t->entry = entry;
+    if (name != nullptr) strncpy(t->name, name, sizeof(t->name) - 1);
     void *args[10] = {a1, a2, a3, a4, a5, a6, a7, a8, a9, a10};
     memcpy(t->args, args, sizeof(args));
 
@@ -328,12 +332,6 @@ int32_t zelOSWCreateJoinTask(uint32_t *task_id, const char *name, int32_t priori
         pthread_t thread;
         rc = pthread_create(&thread, &attr, task_main, t);
         pthread_attr_destroy(&attr);
-        if (rc == 0 && name != nullptr) {
-            char short_name[16]; /* the kernel keeps 15 characters */
-            strncpy(short_name, name, sizeof(short_name) - 1);
-            short_name[sizeof(short_name) - 1] = '\0';
-            pthread_setname_np(thread, short_name); /* may fail once the task has ended */
-        }
     }
     if (rc != 0) {
         g_tasks.remove(id);
