@@ -46,14 +46,8 @@ void cmp_ldap_close_connection(CMP_LDAP *ld)
         (void)cmp_ldap_close_socket(ld->ld_sockfd);
         ld->ld_sockfd = CMP_LDAP_NO_SOCKET;
     }
-    if (ld->ld_error != nullptr) {
-        cmp_ldap_free(ld->ld_error);
-        ld->ld_error = nullptr;
-    }
-    if (ld->ld_matched != nullptr) {
-        cmp_ldap_free(ld->ld_matched);
-        ld->ld_matched = nullptr;
-    }
+    cmp_ldap_free_text(&ld->ld_error);
+    cmp_ldap_free_text(&ld->ld_matched);
     /* ld_referral is not ours to free: whoever stored it keeps ownership. */
 }
 

@@ -75,6 +75,14 @@ static inline void cmp_ldap_free(void *block)
     (void)zelOSWOrgFreeMemPart(0, block);
 }
 
+/* Releases a text the handle owns and clears its field, so no released pointer
+ * stays behind for a dump or a teardown. */
+static inline void cmp_ldap_free_text(char **text)
+{
+    if (*text != nullptr) cmp_ldap_free(*text);
+    *text = nullptr;
+}
+
 /* ---- internal functions shared between sources (hidden) ---- */
 
 /* cmp_ldap_util */

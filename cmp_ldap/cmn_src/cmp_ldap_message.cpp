@@ -459,14 +459,8 @@ int cmp_ldap_result2error(CMP_LDAP *ld, CMP_LDAP_MESSAGE *mes, int freeit)
         ld->ld_errno = (int32_t)code;
         /* Both texts are cleared as they are released, so that no path can leave
          * a released pointer in the handle for the dump or the teardown to use. */
-        if (ld->ld_error != nullptr) {
-            cmp_ldap_free(ld->ld_error);
-            ld->ld_error = nullptr;
-        }
-        if (ld->ld_matched != nullptr) {
-            cmp_ldap_free(ld->ld_matched);
-            ld->ld_matched = nullptr;
-        }
+        cmp_ldap_free_text(&ld->ld_error);
+        cmp_ldap_free_text(&ld->ld_matched);
         if (cmp_ldap_pos_failed(
                 pos = cmp_ldap_ber_decode_string(mes, (int32_t)pos, &ld->ld_matched))) {
             ld->ld_matched = nullptr;
@@ -477,10 +471,7 @@ int cmp_ldap_result2error(CMP_LDAP *ld, CMP_LDAP_MESSAGE *mes, int freeit)
             CMP_LDAP_LOG(-1, "%s(): Failed to get ld_error.\n", kName);
         } else {
             if (code == CMP_LDAP_REFERRAL) {
-                if (ld->ld_referral != nullptr) {
-                    cmp_ldap_free(ld->ld_referral);
-                    ld->ld_referral = nullptr;
-                }
+                cmp_ldap_free_text(&ld->ld_referral);
                 /* Skip the [3] tag and a one-octet length: only the first URL is
                  * kept, and a long-form length makes that decoding fail (NULL). */
                 int64_t url = (int64_t)pos + 2;
@@ -507,34 +498,34 @@ int cmp_ldap_result2error(CMP_LDAP *ld, CMP_LDAP_MESSAGE *mes, int freeit)
  * Message identity and release
  * ---------------------------------------------------------------------- */
 
+namespace {
+
+/* The envelope of a message for msgid and msgtype; false after logging why not. */
+bool cmp_ldap_msg_envelope(const char *name, const CMP_LDAP_MESSAGE *mes, CMP_LDAP_MESSAGE_REC *rec)
+{
+    if (mes == nullptr) {
+        CMP_LDAP_LOG(-1, "%s(): parameter error.\n", name);
+        return false;
+    }
+    if (cmp_ldap_ber_decode_ldap_message(mes, rec) == -1) {
+        CMP_LDAP_LOG(-1, "%s(): Failed to extract CMP_LDAP_MESSAGE.\n", name);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 int cmp_ldap_msgid(CMP_LDAP_MESSAGE *mes)
 {
-    static const char kName[] = "cmp_ldap_msgid";
-    if (mes == nullptr) {
-        CMP_LDAP_LOG(-1, "%s(): parameter error.\n", kName);
-        return -1;
-    }
     CMP_LDAP_MESSAGE_REC rec;
-    if (cmp_ldap_ber_decode_ldap_message(mes, &rec) == -1) {
-        CMP_LDAP_LOG(-1, "%s(): Failed to extract CMP_LDAP_MESSAGE.\n", kName);
-        return -1;
-    }
-    return rec.msgid;
+    return cmp_ldap_msg_envelope("cmp_ldap_msgid", mes, &rec) ? rec.msgid : -1;
 }
 
 int cmp_ldap_msgtype(CMP_LDAP_MESSAGE *mes)
 {
-    static const char kName[] = "cmp_ldap_msgtype";
-    if (mes == nullptr) {
-        CMP_LDAP_LOG(-1, "%s(): parameter error.\n", kName);
-        return -1;
-    }
     CMP_LDAP_MESSAGE_REC rec;
-    if (cmp_ldap_ber_decode_ldap_message(mes, &rec) == -1) {
-        CMP_LDAP_LOG(-1, "%s(): Failed to extract CMP_LDAP_MESSAGE.\n", kName);
-        return -1;
-    }
-    return rec.application;
+    return cmp_ldap_msg_envelope("cmp_ldap_msgtype", mes, &rec) ? rec.application : -1;
 }
 
 int cmp_ldap_msgfree(CMP_LDAP_MESSAGE *mes)
