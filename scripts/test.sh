@@ -5,7 +5,9 @@
 #   3. builds with GCC and runs all tests: unit tests (fake port) and integration
 #      tests (POSIX port against real slapd servers started on loopback);
 #   4. builds with Clang under AddressSanitizer + UndefinedBehaviorSanitizer and
-#      runs the unit tests again, and replays the fuzz corpus there.
+#      runs the unit tests again, and replays the fuzz corpus there;
+#   5. cross-builds the core and the unit tests for 32-bit ARM (the devices'
+#      target) and runs them under qemu-arm.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -26,3 +28,10 @@ CC=clang CXX=clang++ cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug 
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan -L 'unit|fuzz' --output-on-failure -j"$jobs"
+
+echo "== 32-bit ARM (arm-linux-gnueabihf) under qemu-arm: unit tests"
+cmake -S . -B build-arm -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake -DTOVEISTROR_POSIX_PORT=OFF \
+  -DTOVEISTROR_GTEST_SOURCE=/usr/src/googletest >/dev/null
+cmake --build build-arm -j"$jobs"
+ctest --test-dir build-arm -L unit --output-on-failure -j"$jobs"

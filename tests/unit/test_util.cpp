@@ -125,7 +125,6 @@ TEST_F(Util, ProtocolSetting)
  * naming the source and the function; nothing else may reach one. */
 TEST(UtilDeathTest, AssertionsNameSourceFunctionAndText)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     CMP_LDAP ld{};
     CMP_LDAP_CONN_PARAM p{};
     CMP_LDAP *out = nullptr;
