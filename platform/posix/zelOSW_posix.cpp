@@ -361,8 +361,10 @@ int32_t zelOSWWaitTask(uint32_t task_id, int32_t timeout)
 
 void zelOSWExitTask(int32_t code)
 {
+    /* The task ends when its body returns, which the library's task bodies do
+     * right after this call. pthread_exit would have to unwind through core
+     * frames built with -fno-exceptions, which 32-bit ARM has no tables for. */
     (void)code;
-    pthread_exit(nullptr);
 }
 
 int32_t zelOSWLockTask(void)
