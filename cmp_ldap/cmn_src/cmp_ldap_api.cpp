@@ -338,8 +338,8 @@ int cmp_ldap_unbind(CMP_LDAP *ld)
     /* The session ends whatever the send did. */
     if (ld->ld_ssl_conn != nullptr) (void)cmp_ldap_tls_end(ld);
     (void)cmp_ldap_close_socket(ld->ld_sockfd);
-    if (ld->ld_error != nullptr) cmp_ldap_free(ld->ld_error);
-    if (ld->ld_matched != nullptr) cmp_ldap_free(ld->ld_matched);
+    cmp_ldap_free_text(&ld->ld_error);
+    cmp_ldap_free_text(&ld->ld_matched);
     cmp_ldap_free(ld);
     cmp_ldap_free(buf);
     return result;
