@@ -118,4 +118,21 @@ void **cmp_ldap_get_values_both(CMP_LDAP *ld, CMP_LDAP_MESSAGE *entry, const cha
                                 int binary);
 char *cmp_ldap_substrcpy(const char *start, const char *end);
 
+/* cmp_ldap_test */
+/* Process-wide state of the asynchronous test, touched only with __atomic
+ * builtins: 1 while no test runs, and the mutex that orders a cancel against a
+ * test's end (0 until the first test creates it; never deleted). */
+extern uint32_t s_async_test_idle;
+extern uint32_t s_async_test_msem_id;
+uint32_t cmp_ldap_test_device_result(int32_t code);
+int cmp_ldap_test_check_search_result(CMP_LDAP *ld, int32_t msgid, const CMP_LDAP_TIMEVAL *timeout,
+                                      const char *base, int32_t *entry_count);
+void cmp_ldap_test_connection(CMP_LDAP_TEST_PARAM *param, CMP_LDAP_TEST_CALLBACK result_callback,
+                              CMP_LDAP_ASYNC_TEST_ID *conninfo);
+void cmp_ldap_test_connection_finish(CMP_LDAP_TEST_PARAM *param,
+                                     CMP_LDAP_TEST_CALLBACK result_callback,
+                                     CMP_LDAP_ASYNC_TEST_ID *conninfo, CMP_LDAP *ld,
+                                     uint32_t result);
+int cmp_ldap_test_connection_cancel_receive(const CMP_LDAP_ASYNC_TEST_ID *conninfo);
+
 #endif

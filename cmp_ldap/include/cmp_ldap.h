@@ -389,6 +389,65 @@ CMP_LDAP_API int cmp_ldap_gentrace_search_params(const char *funcname, const cha
                                                  const CMP_LDAP_FILTER_PRESENT *filter_present,
                                                  const char *attrs, int attrsonly);
 
+/* ------------------------------------------------------------------------
+ * Connection test: open, bind and a search of the base entry, reported as one
+ * device result code (0 on success, otherwise 0x5103xxxx).
+ * ---------------------------------------------------------------------- */
+#define CMP_LDAP_TEST_OK 0x00000000u
+#define CMP_LDAP_TEST_ADDRESS_ERROR 0x51031101u       /* host name not resolved */
+#define CMP_LDAP_TEST_INVALID_CREDENTIALS 0x51031102u /* also a refused SASL authentication */
+#define CMP_LDAP_TEST_TLS_INIT_ERROR 0x51031131u
+#define CMP_LDAP_TEST_TLS_HANDSHAKE_ERROR 0x51031132u /* handshake or certificate check */
+#define CMP_LDAP_TEST_CONNECT_ERROR 0x51032101u       /* connection refused or failed */
+#define CMP_LDAP_TEST_CONNECT_TIMEOUT 0x51032102u     /* no connection in time */
+#define CMP_LDAP_TEST_TIMEOUT 0x51032203u             /* no response in time */
+#define CMP_LDAP_TEST_TLS_IO_ERROR 0x51032231u
+#define CMP_LDAP_TEST_SERVER_ERROR 0x51033101u /* protocol error, server down, bad response */
+#define CMP_LDAP_TEST_CANCELLED 0x51035105u
+#define CMP_LDAP_TEST_NO_MEMORY 0x51037101u
+#define CMP_LDAP_TEST_SOCKET_ERROR 0x51037102u
+#define CMP_LDAP_TEST_OTHER_ERROR 0x5103720fu /* also: another test is running */
+#define CMP_LDAP_TEST_PARAM_ERROR 0x51039181u
+#define CMP_LDAP_TEST_NO_SUCH_OBJECT 0x51039182u /* the base entry was not found as given */
+#define CMP_LDAP_TEST_KRB5_CCACHE_ERROR 0x51039183u
+#define CMP_LDAP_TEST_SASL_NO_HOST 0x51039184u
+
+/* Everything a test needs. A record from cmp_ldap_test_copy_param owns its six
+ * texts; a null or empty base skips the search. */
+typedef struct CMP_LDAP_TEST_PARAM {
+    CMP_LDAP_CONN_PARAM connparam;
+    char *dn;        /* bind DN (simple) or SASL user name */
+    char *cred;      /* password of a simple bind */
+    char *domain;    /* SASL domain (realm) */
+    char *ccname;    /* Kerberos 5 credential cache */
+    uint32_t method; /* CMP_LDAP_AUTH_SIMPLE or CMP_LDAP_AUTH_SASL */
+    char *base;      /* DN of the entry the test looks up */
+} CMP_LDAP_TEST_PARAM;
+
+/* The identity of a running asynchronous test; its 8 bytes are also the cancel
+ * message. The caller provides it from zelOSWSubAllocMem: a start that fails
+ * after copying the parameters releases it. */
+typedef struct CMP_LDAP_ASYNC_TEST_ID {
+    uint32_t task_id;
+    uint32_t msgq_id;
+} CMP_LDAP_ASYNC_TEST_ID;
+
+/* Receives the device result on the test's own task. */
+typedef void (*CMP_LDAP_TEST_CALLBACK)(uint32_t result);
+
+CMP_LDAP_API CMP_LDAP_TEST_PARAM *cmp_ldap_test_copy_param(const CMP_LDAP_TEST_PARAM *param);
+CMP_LDAP_API void cmp_ldap_test_free_param(CMP_LDAP_TEST_PARAM *param);
+/* The device result; CMP_LDAP_PARAM_ERROR (264, a library code) for a NULL param. */
+CMP_LDAP_API uint32_t cmp_ldap_test(const CMP_LDAP_TEST_PARAM *param);
+/* 0 when the test task runs (the callback then gets the result exactly once),
+ * otherwise a device result or 264, and the callback is not called. */
+CMP_LDAP_API uint32_t cmp_ldap_async_test(const CMP_LDAP_TEST_PARAM *param,
+                                          CMP_LDAP_TEST_CALLBACK result_callback,
+                                          CMP_LDAP_ASYNC_TEST_ID *conninfo);
+/* Asks the running test to stop at its next step (it then reports
+ * CMP_LDAP_TEST_CANCELLED); 0 also when no test runs. Does not wait. */
+CMP_LDAP_API uint32_t cmp_ldap_async_test_cancel(const CMP_LDAP_ASYNC_TEST_ID *conninfo);
+
 #ifdef __cplusplus
 }
 #endif
