@@ -45,9 +45,12 @@ struct State {
     std::map<int32_t, bool> sockets; /* fd -> open */
     std::vector<int32_t> closed;
     std::vector<ConnectAttempt> attempts;
+    std::vector<ResolverCall> resolver_calls;
+    std::vector<SocketCall> socket_calls;
     long live_ai = 0;
     std::deque<Event> events;
     std::vector<long> recv_timeouts, send_timeouts;
+    std::vector<int> recv_flags, send_flags;
     std::deque<int32_t> send_results;
     Bytes sent;
     TlsScript tls;
@@ -87,9 +90,13 @@ T take_front(std::deque<T> &q, T dflt)
     return v;
 }
 
-void push_event(Event e) LOCKED(st().events.push_back(std::move(e)))
+void push_event(Event e)
+{
+    Guard g(g_lock);
+    st().events.push_back(std::move(e));
+}
 
-    Resolved parse(int family, const char *text)
+Resolved parse(int family, const char *text)
 {
     Resolved r{family, Bytes(family == AF_INET ? 4 : 16)};
     if (inet_pton(family, text, r.addr.data()) != 1) abort();
@@ -110,8 +117,9 @@ int32_t serve_receive(uint8_t *buf, uint32_t len, long timeout, int32_t timeout_
         *error = true;
         return rc;
     }
+    /* An empty chunk serves one receive of 0 octets: the peer's close, as the core sees it. */
     size_t n = std::min<size_t>(e.bytes.size() - e.offset, e.bytewise ? 1 : len);
-    memcpy(buf, e.bytes.data() + e.offset, n);
+    if (n > 0) memcpy(buf, e.bytes.data() + e.offset, n);
     e.offset += n;
     if (e.offset >= e.bytes.size()) s.events.pop_front();
     return (int32_t)n;
@@ -147,14 +155,7 @@ void reset()
     st() = State();
 }
 
-void arm_alloc_failure(long n, bool every_after)
-    LOCKED(st().arm_at = n, st().every_after = every_after,
-           st().since_arm = 0) long allocs_since_arm()
-        LOCKED(return st().since_arm) long live_blocks()
-            LOCKED(return (long)st().blocks.size()) std::vector<uint32_t> alloc_sizes()
-                LOCKED(return st().sizes) bool freed_null_seen()
-                    LOCKED(return st().freed_null) long bad_pool_frees()
-                        LOCKED(return st().bad_pool) std::string live_block_report()
+std::string live_block_report()
 {
     Guard g(g_lock);
     std::ostringstream out;
@@ -167,7 +168,7 @@ const std::vector<LogLine> &log()
 {
     return st().log;
 }
-void clear_log() LOCKED(st().log.clear()) std::vector<std::string> log_texts()
+std::vector<std::string> log_texts()
 {
     Guard g(g_lock);
     std::vector<std::string> out;
@@ -196,20 +197,11 @@ Resolved ipv6(const char *text)
 {
     return parse(AF_INET6, text);
 }
-void set_resolver(int rc, std::vector<Resolved> entries)
-    LOCKED(st().resolver_rc = rc,
-           st().resolved = std::move(entries)) void script_socket(std::vector<int> r)
-        LOCKED(st().socket_results.assign(r.begin(),
-                                          r.end())) void script_connect(std::vector<int> r)
-            LOCKED(st().connect_results.assign(r.begin(),
-                                               r.end())) void script_set_scope(std::vector<int> r)
-                LOCKED(st().scope_results.assign(r.begin(), r.end()))
-                    const std::vector<ConnectAttempt> &connect_attempts()
+const std::vector<ConnectAttempt> &connect_attempts()
 {
     return st().attempts;
 }
-std::vector<int32_t> closed_sockets() LOCKED(return st().closed) long live_addrinfo()
-    LOCKED(return st().live_ai) long open_sockets()
+long open_sockets()
 {
     Guard g(g_lock);
     long n = 0;
@@ -234,30 +226,47 @@ void peer_error(int32_t rc)
 {
     push_event(Event{Event::Error, {}, rc});
 }
-std::vector<long> recv_timeouts()
-    LOCKED(return st().recv_timeouts) void script_send(std::vector<int32_t> r)
-        LOCKED(st().send_results.assign(r.begin(), r.end())) const Bytes &sent()
+const Bytes &sent()
 {
     return st().sent;
 }
-std::vector<long> send_timeouts() LOCKED(return st().send_timeouts)
-
-    void set_tls(const TlsScript &script)
-        LOCKED(st().tls = script) const OSL_SCR_SSL_WRP_SETTINGS &last_tls_settings()
+const OSL_SCR_SSL_WRP_SETTINGS &last_tls_settings()
 {
     return st().tls_settings;
 }
-long live_tls_contexts() LOCKED(return st().tls_ctx) long live_tls_connections()
-    LOCKED(return st().tls_conn) std::vector<std::string> tls_calls() LOCKED(return st().tls_calls)
 
-        void script_os(const std::string &function, std::vector<int32_t> results) LOCKED(
-            st().os_results[function].assign(results.begin(),
-                                             results.end())) std::vector<std::string> os_calls()
-            LOCKED(return st().os_calls) long live_queues() LOCKED(return (long)st().queues.size())
-
-                void set_setting(int32_t rc, uint8_t value)
-                    LOCKED(st().setting_rc = rc, st().setting_value = value) long setting_reads()
-                        LOCKED(return st().setting_reads)
+/* One line per accessor: each takes the lock for its one statement. */
+// clang-format off
+void arm_alloc_failure(long n, bool every_after) LOCKED(st().arm_at = n, st().every_after = every_after, st().since_arm = 0)
+long allocs_since_arm() LOCKED(return st().since_arm)
+long live_blocks() LOCKED(return (long)st().blocks.size())
+std::vector<uint32_t> alloc_sizes() LOCKED(return st().sizes)
+bool freed_null_seen() LOCKED(return st().freed_null)
+long bad_pool_frees() LOCKED(return st().bad_pool)
+void clear_log() LOCKED(st().log.clear())
+void set_resolver(int rc, std::vector<Resolved> entries) LOCKED(st().resolver_rc = rc, st().resolved = std::move(entries))
+void script_socket(std::vector<int> r) LOCKED(st().socket_results.assign(r.begin(), r.end()))
+void script_connect(std::vector<int> r) LOCKED(st().connect_results.assign(r.begin(), r.end()))
+void script_set_scope(std::vector<int> r) LOCKED(st().scope_results.assign(r.begin(), r.end()))
+std::vector<ResolverCall> resolver_calls() LOCKED(return st().resolver_calls)
+std::vector<SocketCall> socket_calls() LOCKED(return st().socket_calls)
+std::vector<int32_t> closed_sockets() LOCKED(return st().closed)
+long live_addrinfo() LOCKED(return st().live_ai)
+std::vector<long> recv_timeouts() LOCKED(return st().recv_timeouts)
+std::vector<int> recv_flags() LOCKED(return st().recv_flags)
+void script_send(std::vector<int32_t> r) LOCKED(st().send_results.assign(r.begin(), r.end()))
+std::vector<long> send_timeouts() LOCKED(return st().send_timeouts)
+std::vector<int> send_flags() LOCKED(return st().send_flags)
+void set_tls(const TlsScript &script) LOCKED(st().tls = script)
+long live_tls_contexts() LOCKED(return st().tls_ctx)
+long live_tls_connections() LOCKED(return st().tls_conn)
+std::vector<std::string> tls_calls() LOCKED(return st().tls_calls)
+void script_os(const std::string &function, std::vector<int32_t> results) LOCKED(st().os_results[function].assign(results.begin(), results.end()))
+std::vector<std::string> os_calls() LOCKED(return st().os_calls)
+long live_queues() LOCKED(return (long)st().queues.size())
+void set_setting(int32_t rc, uint8_t value) LOCKED(st().setting_rc = rc, st().setting_value = value)
+long setting_reads() LOCKED(return st().setting_reads)
+// clang-format on
 
 }  // namespace fake
 
@@ -279,7 +288,9 @@ void *zelOSWSubAllocMem(uint32_t size)
         return nullptr;
     /* Exactly the size asked for, so AddressSanitizer sees one octet too many. */
     void *p = malloc(size == 0 ? 1 : size);
-    if (p != nullptr) s.blocks[p] = size;
+    if (p == nullptr) return nullptr;
+    memset(p, fake::kFreshFill, size);
+    s.blocks[p] = size;
     return p;
 }
 
@@ -289,10 +300,13 @@ int32_t zelOSWOrgFreeMemPart(uint32_t pool, void *block)
     auto &s = st();
     s.bad_pool += pool != 0;
     if (block == nullptr) return s.freed_null = true, 0;
-    if (s.blocks.erase(block) != 1) {
+    auto it = s.blocks.find(block);
+    if (it == s.blocks.end()) {
         fprintf(stderr, "fake port: free of unknown block %p\n", block);
         abort();
     }
+    memset(block, fake::kFreedFill, it->second);
+    s.blocks.erase(it);
     free(block);
     return 0;
 }
@@ -311,28 +325,37 @@ int cmp_dbglog_common_trace(const char *module, int level, int reserved, int32_t
     return 0;
 }
 
-int cmp_netsock_getaddrinfo(const char *, const char *, const struct addrinfo *,
+int cmp_netsock_getaddrinfo(const char *node, const char *service, const struct addrinfo *hints,
                             struct addrinfo **res)
 {
     Guard g(g_lock);
     auto &s = st();
+    auto text = [](const char *t) { return std::string(t != nullptr ? t : "(null)"); };
+    s.resolver_calls.push_back(hints == nullptr
+                                   ? fake::ResolverCall{text(node), text(service), -1, -1, -1, -1}
+                                   : fake::ResolverCall{text(node), text(service), hints->ai_flags,
+                                                        hints->ai_family, hints->ai_socktype,
+                                                        hints->ai_protocol});
     *res = nullptr;
     if (s.resolver_rc != 0) return s.resolver_rc;
     struct addrinfo **tail = res;
     for (auto &r : s.resolved) {
         auto *ai = static_cast<struct addrinfo *>(calloc(1, sizeof(struct addrinfo)));
-        auto *ss = static_cast<sockaddr_storage *>(calloc(1, sizeof(sockaddr_storage)));
         ai->ai_family = r.family;
         ai->ai_socktype = SOCK_STREAM;
         ai->ai_protocol = IPPROTO_TCP;
-        ai->ai_addr = reinterpret_cast<struct sockaddr *>(ss);
-        ss->ss_family = (sa_family_t)r.family;
-        ai->ai_addrlen = 16;
-        if (r.family == AF_INET) {
-            memcpy(&reinterpret_cast<sockaddr_in *>(ss)->sin_addr, r.addr.data(), 4);
-        } else if (r.family == AF_INET6) {
-            memcpy(&reinterpret_cast<sockaddr_in6 *>(ss)->sin6_addr, r.addr.data(), 16);
-            ai->ai_addrlen = sizeof(sockaddr_in6);
+        ai->ai_addrlen = r.addrlen >= 0         ? (socklen_t)r.addrlen
+                         : r.family == AF_INET6 ? (socklen_t)sizeof(sockaddr_in6)
+                                                : 16;
+        if (!r.null_addr) {
+            auto *ss = static_cast<sockaddr_storage *>(
+                calloc(1, std::max<size_t>(ai->ai_addrlen, sizeof(sockaddr_storage))));
+            ai->ai_addr = reinterpret_cast<struct sockaddr *>(ss);
+            ss->ss_family = (sa_family_t)r.family;
+            if (r.family == AF_INET)
+                memcpy(&reinterpret_cast<sockaddr_in *>(ss)->sin_addr, r.addr.data(), 4);
+            else if (r.family == AF_INET6)
+                memcpy(&reinterpret_cast<sockaddr_in6 *>(ss)->sin6_addr, r.addr.data(), 16);
         }
         *tail = ai;
         tail = &ai->ai_next;
@@ -352,10 +375,11 @@ void cmp_netsock_freeaddrinfo(struct addrinfo *res)
     }
 }
 
-int cmp_netsock_socket(int, int, int)
+int cmp_netsock_socket(int family, int type, int protocol)
 {
     Guard g(g_lock);
     auto &s = st();
+    s.socket_calls.push_back(fake::SocketCall{family, type, protocol});
     int fd = fake::take_front(s.socket_results, s.next_fd);
     if (fd >= 0) s.next_fd = std::max(s.next_fd, fd + 1), s.sockets[fd] = true;
     return fd;
@@ -391,15 +415,17 @@ int cmp_netsock_set_scope(struct sockaddr *addr, uint32_t)
     return rc;
 }
 
-int32_t cmp_netsock_send_timeo(int32_t, const void *buf, uint32_t len, int, long timeout)
+int32_t cmp_netsock_send_timeo(int32_t, const void *buf, uint32_t len, int flags, long timeout)
 {
     Guard g(g_lock);
+    st().send_flags.push_back(flags);
     return fake::take_send(buf, len, timeout);
 }
 
-int32_t cmp_netsock_recv_timeo(int32_t, void *buf, uint32_t len, int, long timeout)
+int32_t cmp_netsock_recv_timeo(int32_t, void *buf, uint32_t len, int flags, long timeout)
 {
     Guard g(g_lock);
+    st().recv_flags.push_back(flags);
     bool error = false;
     return fake::serve_receive(static_cast<uint8_t *>(buf), len, timeout, CMP_NETSOCK_TIMEOUT,
                                &error);
@@ -510,11 +536,25 @@ int32_t zelOSWWaitTask(uint32_t task_id, int32_t)
 }
 
 /* The task body returns right after this call, which ends its thread. */
-void zelOSWExitTask(int32_t) LOCKED((void)fake::os_call("zelOSWExitTask")) int32_t
-    zelOSWLockTask(void) LOCKED(return fake::os_call("zelOSWLockTask")) int32_t
-    zelOSWUnlockTask(void) LOCKED(return fake::os_call("zelOSWUnlockTask"))
+void zelOSWExitTask(int32_t)
+{
+    Guard g(g_lock);
+    (void)fake::os_call("zelOSWExitTask");
+}
 
-        int32_t zelOSWCreateMutexSem(uint32_t *mutex_id, uint32_t, uint32_t)
+int32_t zelOSWLockTask(void)
+{
+    Guard g(g_lock);
+    return fake::os_call("zelOSWLockTask");
+}
+
+int32_t zelOSWUnlockTask(void)
+{
+    Guard g(g_lock);
+    return fake::os_call("zelOSWUnlockTask");
+}
+
+int32_t zelOSWCreateMutexSem(uint32_t *mutex_id, uint32_t, uint32_t)
 {
     Guard g(g_lock);
     if (int32_t rc = fake::os_call("zelOSWCreateMutexSem")) return rc;

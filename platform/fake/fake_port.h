@@ -29,6 +29,11 @@ using Bytes = std::vector<uint8_t>;
 void reset();
 
 /* ---- memory ---- */
+/* New blocks are filled with kFreshFill and released ones with kFreedFill before they go
+ * back, so that a read of memory never written, or of a block already released, shows
+ * in every build and not only under the sanitizers. */
+constexpr uint8_t kFreshFill = 0xA5;
+constexpr uint8_t kFreedFill = 0xDD;
 /* From now on, allocation number n (1 = the next one) fails; n = 0 disarms. With
  * every_after, that one and all later ones fail. Counting starts at the call. */
 void arm_alloc_failure(long n, bool every_after = false);
@@ -58,6 +63,11 @@ void clear_log();
 struct Resolved {
     int family; /* AF_INET, AF_INET6 or anything else */
     Bytes addr; /* 4 or 16 address octets (other families: anything) */
+    /* Odd results a resolver may give: a declared address length other than the
+     * family's own (-1: 16 for IPv4, 28 for IPv6, 16 otherwise; the zero-filled record
+     * is as long as declared, at least a sockaddr_storage), or no record at all. */
+    int32_t addrlen = -1;
+    bool null_addr = false;
 };
 Resolved ipv4(const char *text);
 Resolved ipv6(const char *text);
@@ -77,23 +87,39 @@ struct ConnectAttempt {
     uint32_t scope_id; /* IPv6 only */
 };
 const std::vector<ConnectAttempt> &connect_attempts();
+/* What the core passed: the resolver's name, service and hints (no hints: all -1),
+ * and each socket's family, type and protocol. */
+struct ResolverCall {
+    std::string node, service; /* "(null)" for a null pointer */
+    int flags, family, socktype, protocol;
+};
+std::vector<ResolverCall> resolver_calls();
+struct SocketCall {
+    int family, type, protocol;
+};
+std::vector<SocketCall> socket_calls();
 std::vector<int32_t> closed_sockets();
 long open_sockets();  /* created and not closed (a failed connect closes its socket) */
 long live_addrinfo(); /* resolver results not yet freed */
 
 /* ---- the peer: what receives return, in order ---- */
-void peer_data(const Bytes &bytes);          /* served across as many receives as it takes */
+/* Served across as many receives as it takes. An empty chunk is one receive that
+ * returns 0 octets, which is how the core sees the peer close; whatever is scripted
+ * after it is still served, so a test can check that nothing more is read. */
+void peer_data(const Bytes &bytes);
 void peer_data_bytewise(const Bytes &bytes); /* one receive per octet */
 void peer_timeout();                         /* one receive returns -2 / 0x72010006 */
 void peer_error(int32_t rc);                 /* plain: returns rc; TLS: returns (uint32_t)rc */
 /* With nothing scripted left, a receive reports the peer closed. */
 std::vector<long> recv_timeouts(); /* the time-out each receive was given */
+std::vector<int> recv_flags();     /* the flags of each plain receive */
 
 /* Sends: each entry scripts one send; >= 0 takes at most that many octets,
  * a negative value is returned as it stands. Unscripted sends take everything. */
 void script_send(std::vector<int32_t> results);
 const Bytes &sent(); /* every octet taken, plain and TLS alike */
 std::vector<long> send_timeouts();
+std::vector<int> send_flags(); /* the flags of each plain send */
 
 /* ---- TLS wrapper ---- */
 struct TlsScript {
