@@ -42,7 +42,7 @@ int cmp_ldap_send_request(CMP_LDAP *ld, const unsigned char *data, uint32_t len)
 void cmp_ldap_close_connection(CMP_LDAP *ld)
 {
     if (ld->ld_ssl_conn != nullptr) (void)cmp_ldap_tls_end(ld);
-    if (ld->ld_sockfd != CMP_LDAP_NO_SOCKET) {
+    if (ld->ld_sockfd != CMP_LDAP_NO_SOCKET && ld->ld_sockfd != CMP_LDAP_DROPPED_SOCKET) {
         (void)cmp_ldap_close_socket(ld->ld_sockfd);
         ld->ld_sockfd = CMP_LDAP_NO_SOCKET;
     }
@@ -155,6 +155,9 @@ int cmp_ldap_open_with_timeout_main(const CMP_LDAP_CONN_PARAM *param, CMP_LDAP *
         (void)cmp_ldap_gentrace_param(kName, param);
         (void)cmp_ldap_gentrace_ld(kName, ld);
         cmp_ldap_close_connection(ld);
+        /* This handle never reaches a caller, so a referral a refused StartTLS left
+         * in it (its size the server's choice) is released here. */
+        cmp_ldap_free_text(&ld->ld_referral);
         cmp_ldap_free(ld);
         return rc;
     }
@@ -310,6 +313,15 @@ int cmp_ldap_unbind(CMP_LDAP *ld)
     if (ld == nullptr) {
         CMP_LDAP_LOG(CMP_LDAP_PARAM_ERROR, "%s(): parameter error (ld==NULL).\n", kName);
         return CMP_LDAP_PARAM_ERROR;
+    }
+
+    if (ld->ld_sockfd == CMP_LDAP_DROPPED_SOCKET) {
+        /* The connection is already down after a cut response: nothing to send or
+         * close, and the session still ends cleanly. */
+        cmp_ldap_free_text(&ld->ld_error);
+        cmp_ldap_free_text(&ld->ld_matched);
+        cmp_ldap_free(ld);
+        return 0;
     }
 
     int32_t n = cmp_ldap_get_new_message_id(ld);

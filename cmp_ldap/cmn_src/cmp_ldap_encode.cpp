@@ -269,35 +269,51 @@ static inline uint32_t cmp_ldap_substrings_content(const CMP_LDAP_FILTER_ITEM *i
     return cmp_ldap_ber_string_size(item->cmp_ldap_value);
 }
 
+/* Records given straight to the exported encoder are not checked by a search:
+ * members past the record's own arrays and items whose match type is above
+ * equality are not written, and not counted either, so that the length and the
+ * bytes always agree and nothing is read or written out of bounds. */
+static inline uint32_t cmp_ldap_filter_items_used(const CMP_LDAP_SEARCH_FILTER *filter)
+{
+    return filter->cmp_ldap_filter_count < CMP_LDAP_MAX_FILTER_ITEMS ? filter->cmp_ldap_filter_count
+                                                                     : CMP_LDAP_MAX_FILTER_ITEMS;
+}
+static inline uint32_t cmp_ldap_presence_attrs_used(const CMP_LDAP_SEARCH_FILTER_PRESENT *fp)
+{
+    return fp->cmp_ldap_filter_count < CMP_LDAP_MAX_PRESENT_ATTRS ? fp->cmp_ldap_filter_count
+                                                                  : CMP_LDAP_MAX_PRESENT_ATTRS;
+}
+static inline bool cmp_ldap_filter_item_written(const CMP_LDAP_FILTER_ITEM *item)
+{
+    return item->cmp_ldap_filterCond <= CMP_LDAP_FILTER_COND_EQUAL;
+}
+
 /* Content of one member of the attribute/value set (equality or substrings). */
 static uint32_t cmp_ldap_filter_item_content(const CMP_LDAP_FILTER_ITEM *item)
 {
     uint32_t attr = cmp_ldap_ber_string_size(item->cmp_ldap_attr);
     if (item->cmp_ldap_filterCond == CMP_LDAP_FILTER_COND_EQUAL)
         return cmp_ldap_ber_sum(attr, cmp_ldap_ber_string_size(item->cmp_ldap_value));
-    if (item->cmp_ldap_filterCond < CMP_LDAP_FILTER_COND_EQUAL)
-        return cmp_ldap_ber_sum(attr, cmp_ldap_ber_element_size(cmp_ldap_substrings_content(item)));
-    return CMP_LDAP_BER_CANNOT_ENCODE; /* no member can be written for it */
+    return cmp_ldap_ber_sum(attr, cmp_ldap_ber_element_size(cmp_ldap_substrings_content(item)));
 }
 
 /* F: content of the attribute/value and/or set. */
 static uint32_t cmp_ldap_filter_set_content(const CMP_LDAP_SEARCH_FILTER *filter)
 {
-    if (filter->cmp_ldap_filter_count > CMP_LDAP_MAX_FILTER_ITEMS)
-        return CMP_LDAP_BER_CANNOT_ENCODE;
     uint32_t f = 0;
-    for (uint32_t i = 0; i < filter->cmp_ldap_filter_count; ++i)
-        f = cmp_ldap_ber_sum(
-            f, cmp_ldap_ber_element_size(cmp_ldap_filter_item_content(&filter->cmp_ldap_items[i])));
+    for (uint32_t i = 0; i < cmp_ldap_filter_items_used(filter); ++i) {
+        const CMP_LDAP_FILTER_ITEM *item = &filter->cmp_ldap_items[i];
+        if (cmp_ldap_filter_item_written(item))
+            f = cmp_ldap_ber_sum(f, cmp_ldap_ber_element_size(cmp_ldap_filter_item_content(item)));
+    }
     return f;
 }
 
 /* P: content of the presence and/or set. */
 static uint32_t cmp_ldap_presence_set_content(const CMP_LDAP_SEARCH_FILTER_PRESENT *fp)
 {
-    if (fp->cmp_ldap_filter_count > CMP_LDAP_MAX_PRESENT_ATTRS) return CMP_LDAP_BER_CANNOT_ENCODE;
     uint32_t p = 0;
-    for (uint32_t i = 0; i < fp->cmp_ldap_filter_count; ++i)
+    for (uint32_t i = 0; i < cmp_ldap_presence_attrs_used(fp); ++i)
         p = cmp_ldap_ber_sum(p, cmp_ldap_ber_string_size(fp->attr[i]));
     return p;
 }
@@ -342,8 +358,9 @@ static void cmp_ldap_ber_put_filter_set(const CMP_LDAP_SEARCH_FILTER *filter, ui
     uint8_t tag = filter->cmp_ldap_searchCond == CMP_LDAP_SEARCH_COND_OR ? CMP_LDAP_TAG_FILTER_OR
                                                                          : CMP_LDAP_TAG_FILTER_AND;
     cmp_ldap_ber_put_header(tag, cmp_ldap_filter_set_content(filter), pos, buf);
-    for (uint32_t i = 0; i < filter->cmp_ldap_filter_count; ++i) {
+    for (uint32_t i = 0; i < cmp_ldap_filter_items_used(filter); ++i) {
         const CMP_LDAP_FILTER_ITEM *item = &filter->cmp_ldap_items[i];
+        if (!cmp_ldap_filter_item_written(item)) continue;
         uint32_t cond = item->cmp_ldap_filterCond;
         bool equality = cond == CMP_LDAP_FILTER_COND_EQUAL;
         cmp_ldap_ber_put_header(
@@ -368,7 +385,7 @@ static void cmp_ldap_ber_put_presence_set(const CMP_LDAP_SEARCH_FILTER_PRESENT *
     uint8_t tag = fp->cmp_ldap_searchCond == CMP_LDAP_SEARCH_COND_OR ? CMP_LDAP_TAG_FILTER_OR
                                                                      : CMP_LDAP_TAG_FILTER_AND;
     cmp_ldap_ber_put_header(tag, cmp_ldap_presence_set_content(fp), pos, buf);
-    for (uint32_t i = 0; i < fp->cmp_ldap_filter_count; ++i)
+    for (uint32_t i = 0; i < cmp_ldap_presence_attrs_used(fp); ++i)
         cmp_ldap_ber_put_tagged_string(CMP_LDAP_TAG_FILTER_PRESENT, fp->attr[i], pos, buf);
 }
 

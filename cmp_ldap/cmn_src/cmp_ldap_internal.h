@@ -57,6 +57,10 @@
 
 /* Default socket values: a handle without a connection has sockfd 0. */
 #define CMP_LDAP_NO_SOCKET 0
+/* A connection taken down because a response was cut off in its middle (time-out,
+ * error or no memory after its first octet): the rest of that PDU can never be told
+ * apart from a new one, so nothing more is read or sent; only unbind remains. */
+#define CMP_LDAP_DROPPED_SOCKET (-1)
 
 /* The PDU bytes of a message, through a pointer so that reads past the three
  * octets the record declares are ordinary pointer arithmetic. */
@@ -97,6 +101,10 @@ typedef struct CMP_LDAP_ADDR_NODE {
 int cmp_ldap_add_addrinfo(struct addrinfo *entry, CMP_LDAP_ADDR_NODE **head,
                           CMP_LDAP_ADDR_NODE **tail);
 int cmp_ldap_recv_data(CMP_LDAP *ld, unsigned char *buf, uint32_t len, long timeout);
+/* true (with ld_errno 256 and a log line under name) once the connection was dropped. */
+bool cmp_ldap_connection_dropped(CMP_LDAP *ld, const char *name);
+/* Takes TLS and the socket down for good after a cut response. */
+void cmp_ldap_drop_connection(CMP_LDAP *ld);
 
 /* cmp_ldap_api */
 int cmp_ldap_chg_starttls(CMP_LDAP *ld, const CMP_LDAP_CONN_PARAM *param);

@@ -594,8 +594,10 @@ char **cmp_ldap_explode_dn(const char *dn, int notypes)
         if (end == nullptr) end = start + strlen(start);
         const char *from = start;
         if (notypes) {
-            const char *eq = strchr(start, '=');
-            if (eq != nullptr && eq < end) from = eq + 1;
+            /* Searched within the component only: a component without '=' must not
+             * scan the rest of the DN, which made long DNs quadratic. */
+            const void *eq = memchr(start, '=', (size_t)(end - start));
+            if (eq != nullptr) from = static_cast<const char *>(eq) + 1;
         }
         parts[i] = cmp_ldap_substrcpy(from, end);
         if (parts[i] == nullptr) {

@@ -226,9 +226,26 @@ int cmp_ldap_close_socket(int32_t sockfd)
  * PDU transfer
  * ---------------------------------------------------------------------- */
 
+bool cmp_ldap_connection_dropped(CMP_LDAP *ld, const char *name)
+{
+    if (ld->ld_sockfd != CMP_LDAP_DROPPED_SOCKET) return false;
+    CMP_LDAP_LOG(CMP_LDAP_SERVER_DOWN, "%s(): connection was dropped after a cut response.\n",
+                 name);
+    ld->ld_errno = CMP_LDAP_SERVER_DOWN;
+    return true;
+}
+
+void cmp_ldap_drop_connection(CMP_LDAP *ld)
+{
+    if (ld->ld_ssl_conn != nullptr || ld->ld_ssl_ctx != nullptr) (void)cmp_ldap_tls_end(ld);
+    if (ld->ld_sockfd != CMP_LDAP_DROPPED_SOCKET) (void)cmp_ldap_close_socket(ld->ld_sockfd);
+    ld->ld_sockfd = CMP_LDAP_DROPPED_SOCKET;
+}
+
 int cmp_ldap_send_berdata(CMP_LDAP *ld, const CMP_LDAP_SEND_BUF *buf)
 {
     static const char kName[] = "cmp_ldap_send_data";
+    if (cmp_ldap_connection_dropped(ld, kName)) return -1;
     int32_t count = 0;
     if (ld->ld_ssl_conn != nullptr) {
         uint32_t ret = osl_scr_ssl_wrp_write_timeo(ld->ld_ssl_conn, buf->data, buf->len,
@@ -262,6 +279,7 @@ int cmp_ldap_send_berdata(CMP_LDAP *ld, const CMP_LDAP_SEND_BUF *buf)
 int cmp_ldap_recv_data(CMP_LDAP *ld, unsigned char *buf, uint32_t len, long timeout)
 {
     static const char kName[] = "cmp_ldap_recv_data";
+    if (cmp_ldap_connection_dropped(ld, kName)) return -1;
     if (ld->ld_ssl_conn != nullptr) {
         int32_t count = 0;
         uint32_t ret = osl_scr_ssl_wrp_read_timeo(ld->ld_ssl_conn, buf, len, timeout, &count);
@@ -326,18 +344,12 @@ static int cmp_ldap_determine_record_size(CMP_LDAP *ld, long timeout, unsigned c
     return 0;
 }
 
-int cmp_ldap_read_berdata(CMP_LDAP *ld, long timeout, CMP_LDAP_MESSAGE **msg)
+/* Everything of a PDU after its tag octet: the length and the content. */
+static int cmp_ldap_read_pdu_rest(CMP_LDAP *ld, long timeout, unsigned char *header,
+                                  CMP_LDAP_MESSAGE **msg)
 {
     static const char kName[] = "cmp_ldap_read_berdata";
-    *msg = nullptr;
-
-    unsigned char header[kHeaderMax];
-    int n = cmp_ldap_recv_data(ld, header, 1, timeout);
-    if (n == 0) {
-        ld->ld_errno = CMP_LDAP_PROTOCOL_ERROR;
-        return -1;
-    }
-    if (n < 0) return -1;
+    int n = 0;
     uint32_t header_len = 0;
     uint32_t content_len = 0;
     if (cmp_ldap_determine_record_size(ld, timeout, header, &header_len, &content_len) != 0) {
@@ -381,6 +393,27 @@ int cmp_ldap_read_berdata(CMP_LDAP *ld, long timeout, CMP_LDAP_MESSAGE **msg)
     }
     *msg = mes;
     return 0;
+}
+
+int cmp_ldap_read_berdata(CMP_LDAP *ld, long timeout, CMP_LDAP_MESSAGE **msg)
+{
+    *msg = nullptr;
+
+    unsigned char header[kHeaderMax];
+    int n = cmp_ldap_recv_data(ld, header, 1, timeout);
+    if (n == 0) {
+        ld->ld_errno = CMP_LDAP_PROTOCOL_ERROR;
+        return -1;
+    }
+    /* Nothing of a PDU consumed yet: the stream is intact and a later read may go on. */
+    if (n < 0) return -1;
+    if (cmp_ldap_read_pdu_rest(ld, timeout, header, msg) == 0) return 0;
+    /* The rest of this PDU is still on its way and its end unknown: reading on would
+     * take the middle of a value for a new message (a forged result, say). The
+     * failure itself is already logged where it was found; the drop is logged when
+     * a later operation meets it. */
+    cmp_ldap_drop_connection(ld);
+    return -1;
 }
 
 /* ------------------------------------------------------------------------

@@ -19,7 +19,11 @@ class Socket : public FakePortTest {
         ld.ld_sockfd = 9;
         ld.ld_sock_timeout = 7000;
         ld.ld_errno = kSame;
-        ld.ld_ssl_conn = tls ? &ld : nullptr; /* any non-NULL connection selects TLS */
+        if (!tls) return;
+        OSL_SCR_SSL_WRP_SETTINGS settings{};
+        ASSERT_EQ(osl_scr_ssl_wrp_init(&ld.ld_ssl_ctx), 0u);
+        ASSERT_EQ(osl_scr_ssl_wrp_connect_timeo(ld.ld_ssl_ctx, &settings, &ld.ld_ssl_conn), 0u);
+        fake::clear_log();
     }
     int connect() { return cmp_ldap_connect(&ld, "ldap.example", 389, 5000, 0, 0); }
     int read() { return cmp_ldap_read_berdata(&ld, 1234, &msg); }
@@ -133,6 +137,12 @@ TEST_F(Socket, ReadWholePdusInOneChunkOrByteByByte)
             EXPECT_EQ(lines(), log_lines);
             EXPECT_EQ(fake::recv_timeouts(), std::vector<long>(fake::recv_timeouts().size(), 1234));
             EXPECT_EQ(fake::live_blocks(), result == 0 ? 1 : 0);
+            /* Once a PDU has begun, a failure takes the connection down for good. */
+            const bool cut = result != 0 && !peer.empty();
+            EXPECT_EQ(ld.ld_sockfd, cut ? CMP_LDAP_DROPPED_SOCKET : 9);
+            EXPECT_EQ(fake::closed_sockets(), std::vector<int32_t>(cut ? 1 : 0, 9));
+            EXPECT_EQ(ld.ld_ssl_conn == nullptr, cut || ev <= 0);
+            if (ld.ld_ssl_conn != nullptr) cmp_ldap_tls_end(&ld);
             if (msg == nullptr) continue;
             ASSERT_EQ(msg->cmp_ldap_total_size, (int32_t)length);
             EXPECT_EQ(memcmp(cmp_ldap_pdu(msg), hex(peer).data(), length), 0);
@@ -169,6 +179,7 @@ TEST_F(Socket, SendsWholeOrFails)
         EXPECT_EQ(lines(), log_lines);
         EXPECT_EQ(fake::sent(), Bytes(pdu.begin(), pdu.begin() + (write || send < 0 ? 0 : send)));
         EXPECT_EQ(fake::send_timeouts(), std::vector<long>(fake::send_timeouts().size(), 7000));
+        if (over_tls) cmp_ldap_tls_end(&ld);
     }
 }
 
