@@ -1,8 +1,10 @@
 /*
  * Debug log on stderr: one line per call, "MODULE[level] rc=N text", written
  * with a single write() so lines from several threads never interleave.
- * Level 1 carries every request's trace, including a simple bind's password,
- * so it is written only when asked for.
+ * Level 1 carries every request's trace, so it is written only when asked for.
+ * Some of the core's lines carry a secret (a simple bind's password as
+ * "passwd=", its credentials as "cred="): those values are masked at every
+ * level unless TOVEISTROR_LOG_SECRETS=1 asks for them in clear.
  */
 #include <errno.h>
 #include <limits.h>
@@ -43,6 +45,71 @@ int max_level()
     return level;
 }
 
+std::atomic<int> g_show_secrets{kUnread};
+
+bool show_secrets()
+{
+    int show = g_show_secrets.load(std::memory_order_relaxed);
+    if (show == kUnread) {
+        show = posix_port::env_long("TOVEISTROR_LOG_SECRETS", 0) == 1 ? 1 : 0;
+        g_show_secrets.store(show, std::memory_order_relaxed);
+    }
+    return show == 1;
+}
+
+/* Field names whose values are secrets, as the core's formats write them. */
+constexpr const char *kSecretFields[] = {"passwd=", "cred="};
+/* Consumes the argument, prints none of it. */
+constexpr char kMaskedConversion[] = "%.0s***";
+
+/* The length of a %s conversion (flags, width, precision) at p, or 0 when p holds
+ * another conversion: only texts are masked, numbers say nothing secret. */
+size_t text_conversion_length(const char *p)
+{
+    if (*p != '%') return 0;
+    size_t n = 1;
+    while (p[n] != '\0' && strchr("-+ #0123456789.", p[n]) != nullptr)
+        ++n;
+    return p[n] == 's' ? n + 1 : 0;
+}
+
+bool secret_field_ends_at(const char *format, const char *p)
+{
+    for (const char *field : kSecretFields) {
+        size_t len = strlen(field);
+        if ((size_t)(p - format) >= len && strncmp(p - len, field, len) == 0) return true;
+    }
+    return false;
+}
+
+/* Rewrites every secret field's %s into "%.0s***": the argument is still consumed,
+ * so the rest of the line stays in step, but none of it is printed. Returns the
+ * format to use: the original when it has nothing to mask, or out. */
+const char *mask_secrets(const char *format, char *out, size_t out_size)
+{
+    size_t w = 0;
+    bool masked = false;
+    for (const char *p = format; *p != '\0';) {
+        size_t conv = secret_field_ends_at(format, p) ? text_conversion_length(p) : 0;
+        const char *piece = p;
+        size_t piece_len = 1;
+        if (conv != 0) {
+            piece = kMaskedConversion;
+            piece_len = sizeof kMaskedConversion - 1;
+            masked = true;
+        } else if (*p == '%' && p[1] == '%') {
+            piece_len = 2; /* a literal percent sign is never the start of a field */
+        }
+        /* Too long to rewrite: say nothing rather than the secret. */
+        if (w + piece_len + 1 > out_size) return "(line withheld: too long to mask)";
+        memcpy(out + w, piece, piece_len);
+        w += piece_len;
+        p += conv != 0 ? conv : piece_len;
+    }
+    out[w] = '\0';
+    return masked ? out : format;
+}
+
 void write_all(const char *p, size_t n)
 {
     while (n > 0) {
@@ -61,6 +128,7 @@ void write_all(const char *p, size_t n)
 void posix_port::reload_log_level()
 {
     g_max_level.store(kUnread, std::memory_order_relaxed);
+    g_show_secrets.store(kUnread, std::memory_order_relaxed);
 }
 
 extern "C" {
@@ -77,6 +145,8 @@ int cmp_dbglog_common_trace(const char *module, int level, int reserved, int32_t
     (void)reserved;
     int limit = max_level();
     if (limit < 0 || level > limit || format == nullptr) return 0;
+    char masked_format[512];
+    if (!show_secrets()) format = mask_secrets(format, masked_format, sizeof masked_format);
 
     char small[512];
     int prefix = snprintf(small, sizeof(small), "%s[%d] rc=%d ",

@@ -322,8 +322,11 @@ int32_t cmp_netsock_recv_timeo(int32_t sockfd, void *buf, uint32_t len, int flag
 
 int cmp_netsock_close(int32_t sockfd)
 {
-    if (sockfd < 0) return -1;
-    release_state(detach_state(sockfd));
+    /* Only a socket this port created is closed: a handle that never connected
+     * holds descriptor 0, which is the process's standard input, not ours. */
+    SockState *s = detach_state(sockfd);
+    if (s == nullptr) return -1;
+    release_state(s);
     return close(sockfd) == 0 ? 0 : -1;
 }
 

@@ -1,5 +1,6 @@
 /* The POSIX port on loopback only: sockets, OS wrapper, log, settings, and the TLS
  * wrapper against an in-process OpenSSL server with certificates made here. */
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
@@ -97,6 +98,33 @@ TEST(PosixSockets, CoreConnectResults)
         EXPECT_EQ(open_fds(), fds); /* a failed connect leaves no socket behind */
         cmp_netsock_close(filler);
     }
+}
+
+TEST(PosixSockets, ClosesOnlySocketsItCreated)
+{
+    /* Descriptor 0 (a handle that never connected holds it) and any other
+     * descriptor of the process stay open; the port's own socket is closed. */
+    int saved_stdin = dup(0);
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    ASSERT_EQ(dup2(pair[0], 0), 0);
+    for (int32_t fd : {0, pair[1]}) {
+        SCOPED_TRACE(fd);
+        CMP_LDAP *ld = cmp_ldap_allocate_ldap_handler();
+        ld->ld_sockfd = fd;
+        cmp_ldap_unbind(ld);
+        EXPECT_NE(fcntl(fd, F_GETFD), -1) << "descriptor " << fd << " was closed";
+        EXPECT_EQ(cmp_netsock_close(fd), -1);
+        EXPECT_NE(fcntl(fd, F_GETFD), -1);
+    }
+    int32_t own = cmp_netsock_socket(AF_INET, 1, 0);
+    ASSERT_GE(own, 0);
+    EXPECT_EQ(cmp_netsock_close(own), 0);
+    EXPECT_EQ(fcntl(own, F_GETFD), -1);
+    dup2(saved_stdin, 0);
+    close(saved_stdin);
+    close(pair[0]);
+    close(pair[1]);
 }
 
 TEST(PosixSockets, TimeOutReadAheadPeerCloseAndReset)
@@ -205,6 +233,60 @@ TEST(PosixLog, LevelsAndLineFormat)
         cmp_dbglog_common_trace("CMP_LDAP", 0, 0, 277, "%s(): name=%.64s\n\n", "f", no_text);
         cmp_dbglog_common_trace("M", 0, 0, 5, "%s(): %s", "g", zs.c_str());
         EXPECT_EQ(GetCapturedStderr(), out) << (level ? level : "unset") << "/" << set_level;
+    }
+}
+
+TEST(PosixLog, SecretsAreMaskedAtEveryLevelUnlessAskedFor)
+{
+    /* The core's own lines with a password or credentials in them: a bind without a
+     * handle, and a simple bind whose send fails (its trace and its failure line). */
+    auto run_core = [] {
+        CMP_LDAP *ld = cmp_ldap_allocate_ldap_handler();
+        ld->ld_sockfd = -1; /* a dropped connection: the send fails at once */
+        CaptureStderr();
+        cmp_ldap_bind(nullptr, "cn=admin", "s3cret,pw", "dom", nullptr, 0x80);
+        cmp_ldap_bind(ld, "cn=admin", "s3cret,pw", nullptr, nullptr, 0x80);
+        cmp_dbglog_common_trace("CMP_LDAP", 0, 0, 7,
+                                "%s(): cred=%s,n=%d,%%s,cred.total_size=%ld.\n", "f", "s3cret", 5,
+                                12L);
+        std::string out = GetCapturedStderr();
+        cmp_ldap_unbind(ld);
+        return out;
+    };
+    struct Row {
+        const char *secrets;
+        std::string password, credential;
+    };
+    const Row rows[] = {
+        {nullptr, "***", "***"},
+        {"0", "***", "***"},
+        {"yes", "***", "***"},
+        {"1", "s3cret,pw", "s3cret"},
+    };
+    ScopedEnv level("TOVEISTROR_LOG_LEVEL", "1");
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.secrets ? row.secrets : "unset");
+        ScopedEnv env("TOVEISTROR_LOG_SECRETS", row.secrets);
+        const std::string out = run_core();
+        const std::string p = row.password;
+        EXPECT_NE(out.find("CMP_LDAP[0] rc=-1 cmp_ldap_bind(): parameter error ld=NULL.dn=cn=admin,"
+                           "cred=" +
+                           p + ",domain=dom,method=0x80.\n"),
+                  std::string::npos)
+            << out;
+        EXPECT_NE(out.find("CMP_LDAP[1] rc=-1 cmp_ldap_simple_bind(): msgid=1,dn=cn=admin,passwd=" +
+                           p + ".\n"),
+                  std::string::npos)
+            << out;
+        EXPECT_NE(
+            out.find("CMP_LDAP[0] rc=256 cmp_ldap_simple_bind(): dn=cn=admin,passwd=" + p + ".\n"),
+            std::string::npos)
+            << out;
+        EXPECT_NE(out.find("CMP_LDAP[0] rc=7 f(): cred=" + row.credential +
+                           ",n=5,%s,cred.total_size=12.\n"),
+                  std::string::npos)
+            << out;
+        EXPECT_EQ(out.find("s3cret") != std::string::npos, row.password != "***") << out;
     }
 }
 

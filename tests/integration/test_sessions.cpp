@@ -1,16 +1,22 @@
 // Sessions against a real slapd on loopback. ctest runs each TEST in a process of its own, so
 // servers start on first use and stop at the end (or by the fixture's watchdog should we die).
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "cmp_ldap.h"
@@ -350,6 +356,112 @@ TEST_F(Sessions, AbandonPartWayThenSearchAgain)
     Found f = search(ld.get(), "uid=carol," + kPeople, CMP_LDAP_SCOPE_BASE, nullptr, nullptr, "sn");
     EXPECT_EQ(f.rc, 0);
     EXPECT_EQ(f.items, std::vector<std::string>{"dn: uid=carol," + kPeople + "\nsn: Chen\n"});
+}
+
+// A relay between the library and slapd that passes the server's first `hold_after` octets,
+// then holds the rest back until released: a response cut off in the network.
+class HoldingRelay {
+  public:
+    HoldingRelay(int server_port, size_t hold_after) : hold_after_(hold_after)
+    {
+        listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof a;
+        bind(listen_fd_, reinterpret_cast<sockaddr *>(&a), len);
+        listen(listen_fd_, 1);
+        getsockname(listen_fd_, reinterpret_cast<sockaddr *>(&a), &len);
+        port = ntohs(a.sin_port);
+        thread_ = std::thread([this, server_port] { relay(server_port); });
+    }
+    ~HoldingRelay()
+    {
+        release();
+        shutdown(listen_fd_, SHUT_RDWR);
+        thread_.join();
+        close(listen_fd_);
+    }
+    void release() { released_ = true; }
+    int port = 0;
+
+  private:
+    void relay(int server_port)
+    {
+        int client = accept(listen_fd_, nullptr, nullptr);
+        int server = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        a.sin_port = htons(static_cast<uint16_t>(server_port));
+        if (client < 0 || connect(server, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+            close(client);
+            close(server);
+            return;
+        }
+        std::string held;
+        size_t passed = 0;
+        char buf[4096];
+        for (bool open = true; open;) {
+            pollfd fds[2] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
+            if (poll(fds, 2, 50) < 0) break;
+            if (fds[0].revents != 0) {
+                ssize_t n = read(client, buf, sizeof buf);
+                open = n > 0 && write(server, buf, static_cast<size_t>(n)) == n;
+            }
+            if (open && fds[1].revents != 0) {
+                ssize_t n = read(server, buf, sizeof buf);
+                open = n > 0;
+                if (open) held.append(buf, static_cast<size_t>(n));
+            }
+            size_t allowed = released_ ? held.size() : std::min(held.size(), hold_after_ - passed);
+            if (allowed > 0 &&
+                write(client, held.data(), allowed) == static_cast<ssize_t>(allowed)) {
+                held.erase(0, allowed);
+                passed += allowed;
+            }
+        }
+        close(client);
+        close(server);
+    }
+    size_t hold_after_;
+    int listen_fd_ = -1;
+    std::atomic<bool> released_{false};
+    std::thread thread_;
+};
+
+// A time-out in the middle of an entry drops the session: what arrives later is never read as
+// a message of its own, every later call fails with "server down", and unbind still works.
+TEST_F(Sessions, ResponseCutByATimeOutIsNeverReadFromItsMiddle)
+{
+    HoldingRelay relay(port("LDAP_PORT"), 3001);
+    int rc = -1;
+    Ld cut = open_session("127.0.0.1", relay.port, CMP_LDAP_TLS_MOD_NONE, 0, &rc);
+    ASSERT_EQ(rc, 0);
+    int id = cmp_ldap_search_tiny(cut.get(), kBig.c_str(), CMP_LDAP_SCOPE_ONELEVEL, nullptr,
+                                  nullptr, "cn,sn,mail,description", 0);
+    ASSERT_GT(id, 0);
+    const CMP_LDAP_TIMEVAL short_wait = {1, 0};
+    int entries = 0;
+    CMP_LDAP_MESSAGE *m = nullptr;
+    int type = 0;
+    while ((type = cmp_ldap_result(cut.get(), id, 0, &short_wait, &m)) ==
+           CMP_LDAP_RES_SEARCH_ENTRY) {
+        ++entries;
+        cmp_ldap_msgfree(m);
+    }
+    EXPECT_EQ(type, -1);
+    EXPECT_EQ(cut->ld_errno, CMP_LDAP_TIMEOUT);
+    EXPECT_GT(entries, 5);
+    EXPECT_LT(entries, 2000);
+    relay.release();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(cmp_ldap_result(cut.get(), -1, 0, &short_wait, &m), -1);
+        EXPECT_EQ(m, nullptr);
+        EXPECT_EQ(cut->ld_errno, CMP_LDAP_SERVER_DOWN);
+    }
+    EXPECT_EQ(cmp_ldap_search_tiny(cut.get(), kBig.c_str(), 0, nullptr, nullptr, "", 0), -1);
+    EXPECT_EQ(cmp_ldap_unbind(cut.release()), 0);
 }
 
 }  // namespace
