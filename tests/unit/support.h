@@ -1,7 +1,7 @@
 /*
  * Shared helpers of the unit tests: the fixture that resets the fake port and
- * fails a test that leaks, hex byte strings, messages built the way the PDU
- * reader builds them, and the allocation-failure sweep.
+ * fails a test that leaks, whole log lines, hex byte strings, messages built the
+ * way the PDU reader builds them, and the allocation-failure sweep.
  */
 #ifndef TOVEISTROR_TEST_SUPPORT_H
 #define TOVEISTROR_TEST_SUPPORT_H
@@ -11,15 +11,80 @@
 #include <string.h>
 
 #include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
 #include "cmp_ldap.h"
 #include "fake_port.h"
 
+namespace fake {
+
+/* Log lines compare whole and print whole when a check fails. */
+inline bool operator==(const LogLine &a, const LogLine &b)
+{
+    return a.module == b.module && a.level == b.level && a.reserved == b.reserved && a.rc == b.rc &&
+           a.text == b.text;
+}
+inline void PrintTo(const LogLine &l, std::ostream *os)
+{
+    *os << "{" << l.module << ", level " << l.level << ", " << l.reserved << ", rc " << l.rc
+        << ", \"" << l.text.substr(0, l.text.find_last_not_of('\n') + 1) << "\"}";
+}
+
+}  // namespace fake
+
 namespace support {
 
 using Bytes = fake::Bytes;
+using Log = std::vector<fake::LogLine>;
+
+/* One whole line as the core writes it: module "CMP_LDAP", a level (0 errors and
+ * dumps, 1 the trace of a request), the reserved 0, the result code it reports
+ * (-1: none) and the text. */
+inline fake::LogLine log_line(int level, int32_t rc, const std::string &text)
+{
+    return fake::LogLine{"CMP_LDAP", level, 0, rc, text};
+}
+inline fake::LogLine err(int32_t rc, const std::string &text)
+{
+    return log_line(0, rc, text);
+}
+inline fake::LogLine trace(const std::string &text)
+{
+    return log_line(1, -1, text);
+}
+
+inline ::testing::AssertionResult logged_whole(const fake::LogLine &want)
+{
+    for (const fake::LogLine &l : fake::log())
+        if (l == want) return ::testing::AssertionSuccess();
+    ::testing::AssertionResult r = ::testing::AssertionFailure();
+    r << "not logged: " << ::testing::PrintToString(want) << "\nthe log:";
+    for (const fake::LogLine &l : fake::log())
+        r << "\n  " << ::testing::PrintToString(l);
+    return r;
+}
+
+/* A line as a text for the decoders' and accessors' tables: a line at level 0 that
+ * reports no code (all those write) is its text alone, any other is preceded by
+ * "[module level reserved rc] ". */
+inline std::string whole(const fake::LogLine &l)
+{
+    if (l == err(-1, l.text)) return l.text;
+    return "[" + l.module + " " + std::to_string(l.level) + " " + std::to_string(l.reserved) + " " +
+           std::to_string(l.rc) + "] " + l.text;
+}
+
+/* The log since the last clear as one text of whole() lines; clears it. */
+inline std::string take_log()
+{
+    std::string out;
+    for (const fake::LogLine &l : fake::log())
+        out += whole(l);
+    fake::clear_log();
+    return out;
+}
 
 /* "30 05 02 01 05" -> bytes; blanks are optional. */
 inline Bytes hex(const std::string &text)
@@ -44,12 +109,12 @@ inline std::string to_hex(const Bytes &b)
     return out;
 }
 
-/* A message held exactly as the PDU reader holds one: one block of PDU + 400
- * octets from the library's allocator, total size set, PDU copied to cmp_ldap_ber.
- * Release it with cmp_ldap_msgfree or zelOSWOrgFreeMemPart(0, m). */
-inline CMP_LDAP_MESSAGE *make_message(const Bytes &pdu)
+/* A message held as the PDU reader holds one: one block of `size` octets from the
+ * library's allocator, total size set, PDU copied to cmp_ldap_ber. Release it with
+ * cmp_ldap_msgfree or zelOSWOrgFreeMemPart(0, m). */
+inline CMP_LDAP_MESSAGE *message_in_block(const Bytes &pdu, size_t size)
 {
-    auto *m = static_cast<CMP_LDAP_MESSAGE *>(cmp_ldap_malloc("test", (uint32_t)pdu.size() + 400));
+    auto *m = static_cast<CMP_LDAP_MESSAGE *>(cmp_ldap_malloc("test", (uint32_t)size));
     if (m == nullptr) return nullptr;
     m->cmp_ldap_total_size = (int32_t)pdu.size();
     if (!pdu.empty())
@@ -57,18 +122,16 @@ inline CMP_LDAP_MESSAGE *make_message(const Bytes &pdu)
                pdu.data(), pdu.size());
     return m;
 }
-
-/* A message whose block ends exactly at the end of the PDU: AddressSanitizer then
- * catches any read past it (the decoders must not rely on the 3 spare octets). */
+/* As the reader sizes it: PDU + 400 octets. */
+inline CMP_LDAP_MESSAGE *make_message(const Bytes &pdu)
+{
+    return message_in_block(pdu, pdu.size() + 400);
+}
+/* A block that ends exactly at the end of the PDU: AddressSanitizer then catches
+ * any read past it (the decoders must not rely on the 3 spare octets). */
 inline CMP_LDAP_MESSAGE *make_tight_message(const Bytes &pdu)
 {
-    size_t size = offsetof(CMP_LDAP_MESSAGE, cmp_ldap_ber) + pdu.size();
-    auto *m = static_cast<CMP_LDAP_MESSAGE *>(cmp_ldap_malloc("test", (uint32_t)size));
-    m->cmp_ldap_total_size = (int32_t)pdu.size();
-    if (!pdu.empty())
-        memcpy(reinterpret_cast<unsigned char *>(m) + offsetof(CMP_LDAP_MESSAGE, cmp_ldap_ber),
-               pdu.data(), pdu.size());
-    return m;
+    return message_in_block(pdu, offsetof(CMP_LDAP_MESSAGE, cmp_ldap_ber) + pdu.size());
 }
 
 inline void free_block(void *p)
@@ -117,5 +180,10 @@ inline long sweep_alloc_failures(const std::function<void(long k)> &scenario)
 }
 
 }  // namespace support
+
+/* The log holds this whole line: module "CMP_LDAP", level, the reserved 0, the
+ * result code and the text. */
+#define EXPECT_LOG(level, rc, text) \
+    EXPECT_TRUE(support::logged_whole(support::log_line((level), (rc), (text))))
 
 #endif
