@@ -380,6 +380,34 @@ CMP_LDAP_API const char *cmp_ldap_err2string(int32_t code);
 CMP_LDAP_API int cmp_ldap_result2error(CMP_LDAP *ld, CMP_LDAP_MESSAGE *mes, int freeit);
 
 /* ------------------------------------------------------------------------
+ * SASL GSSAPI bind with a Kerberos 5 credential cache (Cyrus SASL 2.1.23 or a
+ * later 2.1 release). cmp_ldap_bind with CMP_LDAP_AUTH_SASL is the usual way in.
+ * A build without SASL (TOVEISTROR_SASL=OFF) has none of these functions.
+ * ---------------------------------------------------------------------- */
+/* Cyrus SASL's sasl_security_properties_t; include <sasl/sasl.h> to fill one. */
+struct sasl_security_properties;
+
+/* The whole bind, one at a time in the process: the id of the final BindRequest,
+ * or -1 with the reason in ld_errno. userid and domain go to the trace only. */
+CMP_LDAP_API int cmp_ldap_sasl_interactive_bind_s(CMP_LDAP *ld, const char *userid,
+                                                  const char *domain, const char *ccname);
+/* One step: sends a SASL BindRequest and reads its BindResponse. Returns its result
+ * code (14: go on) or a library code; *servercredp (when given) then holds the
+ * server's credentials, released with zelOSWOrgFreeMemPart(0, p). */
+CMP_LDAP_API int cmp_ldap_sasl_bind_s(CMP_LDAP *ld, const char *mechanism,
+                                      const CMP_LDAP_SASL_CRED *cred,
+                                      CMP_LDAP_SASL_CRED **servercredp, int32_t *msgidp);
+/* The peer's host name (its reverse name), else a copy of defhost, else NULL. */
+CMP_LDAP_API char *cmp_ldap_host_connected_to(CMP_LDAP *ld, const char *defhost);
+/* The conversation itself: no security layer, no plain text or anonymous mechanisms. */
+CMP_LDAP_API int cmp_ldap_int_sasl_secprops(struct sasl_security_properties *secprops);
+CMP_LDAP_API int cmp_ldap_int_sasl_bind(CMP_LDAP *ld,
+                                        const struct sasl_security_properties *secprops,
+                                        const char *userid, const char *domain, const char *ccname,
+                                        int32_t *msgidp);
+CMP_LDAP_API void cmp_ldap_int_sasl_close(CMP_LDAP *ld);
+
+/* ------------------------------------------------------------------------
  * Trace dumps to the debug log. The first argument names the caller.
  * ---------------------------------------------------------------------- */
 CMP_LDAP_API int cmp_ldap_gentrace_ld(const char *funcname, const CMP_LDAP *ld);

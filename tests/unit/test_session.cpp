@@ -233,14 +233,6 @@ TEST_F(Session, SimpleBindSendsItsPduAndTracesIt)
     EXPECT_EQ(fake::log(), Log{trace("cmp_ldap_simple_bind(): msgid=1,dn=cn=a,passwd=xyz.\n")});
 }
 
-/* Until the SASL bind is offered, its method is refused like an unknown one. */
-TEST_F(Session, SaslBindMethodRefusedForNow)
-{
-    EXPECT_EQ(cmp_ldap_bind(ld_, "user", nullptr, "EXAMPLE.ORG", "FILE:/tmp/cc", 0xa3), -1);
-    EXPECT_EQ(ld_->ld_errno, CMP_LDAP_PARAM_ERROR);
-    EXPECT_EQ(fake::log_texts(), Lines{"cmp_ldap_bind(): parameter error (method=0xa3).\n"});
-}
-
 TEST_F(Session, RefusalsLogTheirCheckAndTakeNoId)
 {
     auto check = [&](const std::string &line, size_t lines, const Op &op) {  // lines: all logged

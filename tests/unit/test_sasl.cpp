@@ -1,0 +1,587 @@
+/* SASL bind: one step with its BindResponse, the peer's name, the GSSAPI conversation
+ * against the fake SASL library, the interactive bind task and the 0xa3 bind. */
+#include <stdio.h>
+#include <sys/stat.h>
+
+#include <functional>
+#include <utility>
+
+#include "cmp_ldap_sasl_internal.h"
+#include "fake_sasl.h"
+#include "support.h"
+
+using support::Bytes;
+using support::hex;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+Bytes tlv(uint8_t tag, const Bytes &content)
+{
+    Bytes out{tag};
+    size_t n = content.size();
+    if (n >= 128) out.push_back(n >= 256 ? 0x82 : 0x81);
+    if (n >= 256) out.push_back((uint8_t)(n >> 8));
+    out.push_back((uint8_t)n);
+    out.insert(out.end(), content.begin(), content.end());
+    return out;
+}
+Bytes text(const std::string &s)
+{
+    return Bytes(s.begin(), s.end());
+}
+Bytes cat(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const Bytes &p : parts)
+        out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+/* The SASL BindRequest the library must send: id, GSSAPI, credentials if any. */
+Bytes request(uint8_t id, const std::string &cred)
+{
+    Bytes sasl = cat({tlv(0x04, text("GSSAPI")), cred.empty() ? Bytes{} : tlv(0x04, text(cred))});
+    return tlv(0x30,
+               cat({tlv(0x02, {id}), tlv(0x60, cat({hex("02 01 03 04 00"), tlv(0xA3, sasl)}))}));
+}
+/* A response: resultCode, empty matchedDN, errorMessage, then what follows (creds...). */
+Bytes response(uint8_t id, uint8_t code, const Bytes &tail, const std::string &error = "",
+               uint8_t op = 0x61)
+{
+    Bytes result = cat({hex("0A 01"), {code}, hex("04 00"), tlv(0x04, text(error)), tail});
+    return tlv(0x30, cat({tlv(0x02, {id}), tlv(op, result)}));
+}
+Bytes creds(const std::string &s)
+{
+    return tlv(0x87, text(s));
+}
+
+std::string make_cache_file()
+{
+    std::string path = ::testing::TempDir() + "toveistror-test-ccache";
+    FILE *f = fopen(path.c_str(), "w");
+    if (f != nullptr) fclose(f);
+    return path;
+}
+const std::string kCache = make_cache_file();
+const std::string kNoCache = ::testing::TempDir() + "toveistror-no-such-ccache";
+const std::string kDirCache = ::testing::TempDir();
+
+/* The trace and the three requests of the default exchange (start, step, step). */
+const Lines kTrace = {"cmp_ldap_int_sasl_bind(): userid=u,domain=D.ccname=" + kCache + "\n",
+                      "cmp_ldap_sasl_bind(): msgid=1\n", "cmp_ldap_sasl_bind(): msgid=2\n",
+                      "cmp_ldap_sasl_bind(): msgid=3\n"};
+
+class Sasl : public support::FakePortTest {
+  protected:
+    void SetUp() override
+    {
+        FakePortTest::SetUp();
+        start(fake_sasl::Script());
+    }
+    void TearDown() override
+    {
+        end();
+        FakePortTest::TearDown();
+    }
+    /* A fresh process as far as SASL goes, and a connected session. */
+    void start(const fake_sasl::Script &script)
+    {
+        fake_sasl::reset(script);
+        cmp_ldap_sasl_forget_mutex();
+        cmp_ldap_cyrus_forget_init();
+        ld_ = cmp_ldap_allocate_ldap_handler();
+        ld_->ld_sockfd = 7;
+        ld_->ld_sock_timeout = 5000;
+        fake::clear_log();
+    }
+    /* No SASL context survives a bind, whatever its outcome. */
+    void end()
+    {
+        if (ld_ == nullptr) return;
+        EXPECT_EQ(ld_->cmp_ldap_ld_sasl_authctx, nullptr);
+        EXPECT_EQ(fake_sasl::live_connections(), 0);
+        cmp_ldap_free_text(&ld_->ld_error);
+        cmp_ldap_free_text(&ld_->ld_matched);
+        cmp_ldap_free_text(&ld_->ld_referral);
+        support::free_block(std::exchange(ld_, nullptr));
+    }
+    /* The server side of the default exchange: 14 with a token, 14, then 0. */
+    static void serve_default(uint8_t first_id = 1)
+    {
+        fake::peer_data(response(first_id, 14, creds("srv1")));
+        fake::peer_data(response(first_id + 1, 14, creds("srv2")));
+        fake::peer_data(response(first_id + 2, 0, creds("")));
+    }
+    int bind(const std::string &ccname = kCache)
+    {
+        return cmp_ldap_sasl_interactive_bind_s(ld_, "u", "D", ccname.c_str());
+    }
+    static Lines errors()
+    {
+        Lines out;
+        for (const fake::LogLine &l : fake::log())
+            if (l.level == 0) out.push_back(l.text);
+        return out;
+    }
+    static Lines os_calls_but_exit()  // the task's exit races with the caller's wait
+    {
+        Lines out;
+        for (const std::string &c : fake::os_calls())
+            if (c != "zelOSWExitTask") out.push_back(c);
+        return out;
+    }
+    CMP_LDAP *ld_ = nullptr;
+};
+
+TEST_F(Sasl, GssapiExchangeSendsEachTokenAndReturnsTheFinalId)
+{
+    serve_default();
+    EXPECT_EQ(bind(), 3);
+    EXPECT_EQ(fake::sent(), cat({request(1, "tok1"), request(2, ""), request(3, "tok3")}));
+    EXPECT_EQ(ld_->ld_errno, 0);
+    EXPECT_EQ(ld_->ld_sasl_msgid, 3);
+    EXPECT_EQ(ld_->ld_sasl_rc, 0);
+    EXPECT_EQ(fake::log_texts(), kTrace);
+    EXPECT_EQ(fake::recv_timeouts(), std::vector<long>(fake::recv_timeouts().size(), 5000));
+    EXPECT_EQ(
+        fake_sasl::calls(),
+        (Lines{"getpeername", "getnameinfo", "sasl_version", "sasl_client_init",
+               "sasl_client_new ldap localhost", "sasl_getprop 13",
+               "gss_krb5_ccache_name " + kCache, "sasl_setprop 101", "sasl_client_start GSSAPI",
+               "sasl_client_step 4 srv1", "sasl_client_step 4 srv2", "sasl_dispose"}));
+    fake_sasl::Seen seen = fake_sasl::seen();
+    EXPECT_EQ(seen.callback_ids,
+              (std::vector<unsigned long>{0x4008, 0x4001, 0x4002, 0x4004, 0x4005, 0x4006, 0}));
+    EXPECT_TRUE(seen.callback_procs_null);
+    EXPECT_TRUE(seen.addresses_null);
+    EXPECT_EQ(seen.flags, 0u);
+    EXPECT_EQ(seen.secprops.min_ssf, 0u);
+    EXPECT_EQ(seen.secprops.max_ssf, 0u);
+    EXPECT_EQ(seen.secprops.maxbufsize, 65536u);
+    EXPECT_EQ(seen.secprops.security_flags, 17u);
+    EXPECT_EQ(seen.secprops.property_names, nullptr);
+    EXPECT_EQ(seen.secprops.property_values, nullptr);
+    EXPECT_EQ(seen.peer_len, 128);
+    EXPECT_EQ(seen.host_len, 1025);
+    EXPECT_TRUE(seen.serv_null);
+    EXPECT_EQ(seen.name_flags, NI_NAMEREQD);
+    EXPECT_EQ(os_calls_but_exit(),
+              (Lines{"zelOSWLockTask", "zelOSWCreateMutexSem", "zelOSWUnlockTask",
+                     "zelOSWRequestMutexSem", "zelOSWCreateJoinTask", "zelOSWWaitTask",
+                     "zelOSWReleaseMutexSem"}));
+
+    // The mutex and the SASL library are set up once per process.
+    fake::clear_log();
+    serve_default(4);
+    EXPECT_EQ(bind(), 6);
+    EXPECT_EQ(os_calls_but_exit().size(), 11u);
+    EXPECT_EQ(fake_sasl::calls().at(12), "getpeername");
+    EXPECT_EQ(fake_sasl::calls().at(14), "sasl_client_new ldap localhost");
+}
+
+/* Each row: how the fake SASL library and the server behave, and the outcome. */
+struct Case {
+    const char *name;
+    std::function<void(fake_sasl::Script &)> script;
+    std::vector<Bytes> peer;
+    int result;
+    int32_t ld_errno;
+    Lines errors;
+    std::string ccname = kCache;
+};
+
+const std::string kDetail = "SASL(-1): generic failure: scripted";
+const Bytes kFirst = response(1, 14, creds("srv1"));
+
+TEST_F(Sasl, OutcomesOfTheConversation)
+{
+    const std::string b = "cmp_ldap_int_sasl_bind(): ";
+    const std::string init = "cmp_ldap_int_sasl_init(): ";
+    const std::string cc = "cmp_ldap_set_krb5_ccache_name(): kerberos 5 credential cache ";
+    const std::string parse = "cmp_ldap_parse_sasl_bind_result(): ";
+    const std::string start_err = b + "sasl_client_start() error.saslrc=";
+    const std::string step_err = b + "sasl_client_step() error.saslrc=";
+    auto no_script = [](fake_sasl::Script &) {};
+    auto version = [](int v) { return [v](fake_sasl::Script &s) { s.version = v; }; };
+    auto steps = [](std::vector<fake_sasl::Reply> r) {
+        return [r](fake_sasl::Script &s) { s.step = r; };
+    };
+    const std::vector<Bytes> exchange = {kFirst, response(2, 14, creds("srv2")),
+                                         response(3, 0, creds(""))};
+    const Case cases[] = {
+        {"2.1.23 accepted", version(0x02010017), exchange, 3, 0, {}},
+        {"2.1.30 accepted", version(0x0201001e), exchange, 3, 0, {}},
+        {"2.1.22 refused",
+         version(0x02010016),
+         {},
+         -1,
+         283,
+         {init + "SASL library version mismatch: expected 2.1.23, got 2.1.22.\n"}},
+        {"2.2.0 refused",
+         version(0x02020000),
+         {},
+         -1,
+         283,
+         {init + "SASL library version mismatch: expected 2.1.23, got 2.2.0.\n"}},
+        {"client_init fails",
+         [](fake_sasl::Script &s) { s.client_init = SASL_FAIL; },
+         {},
+         -1,
+         283,
+         {init + "sasl_client_init() error.saslrc=-1.\n"}},
+        {"client_new fails",
+         [](fake_sasl::Script &s) { s.client_new = SASL_NOMECH; },
+         {},
+         -1,
+         283,
+         {"cmp_ldap_int_sasl_open(): sasl_client_new() error.saslrc=-4\n"}},
+        {"peer has no reverse name",
+         [](fake_sasl::Script &s) { s.reverse_name = ""; },
+         {},
+         -1,
+         281,
+         {}},
+        {"no peer",
+         [](fake_sasl::Script &s) { s.peer = false; },
+         {},
+         -1,
+         281,
+         {"cmp_ldap_host_connected_to(): getpeername() error.\n"}},
+        {"missing cache",
+         no_script,
+         {},
+         -1,
+         282,
+         {cc + "error (ccname=" + kNoCache + ").\n"},
+         kNoCache},
+        {"directory as cache keeps ld_errno",
+         no_script,
+         {},
+         -1,
+         0,
+         {cc + "mode error (ccname=" + kDirCache + ").\n"},
+         kDirCache},
+        {"gss_krb5_ccache_name fails",
+         [](fake_sasl::Script &s) { s.gss_major = 0x000d0000, s.gss_minor = 0x96c73a9c; },
+         {},
+         -1,
+         283,
+         {"cmp_ldap_set_krb5_ccache_name(): gss_krb5_ccache_name() maj_stat=0xd0000,"
+          "min_stat=0x96c73a9c.\n"}},
+        {"setprop fails",
+         [](fake_sasl::Script &s) { s.setprop = SASL_NOMEM; },
+         {},
+         -1,
+         265,
+         {b + "sasl_setprop() error.saslrc=-2.\n"}},
+        {"start fails",
+         [](fake_sasl::Script &s) { s.start = {{SASL_FAIL}}; },
+         {},
+         -1,
+         280,
+         {start_err + "-1,errdetail=" + kDetail + ".\n"}},
+        {"password asked",
+         [](fake_sasl::Script &s) {
+             s.start = {{SASL_INTERACT, "", false, SASL_CB_PASS}};
+         },
+         {},
+         -1,
+         283,
+         {b + "sasl_client_start() error. An interaction out of support (id=0x4004).\n",
+          start_err + "2,errdetail=" + kDetail + ".\n"}},
+        {"step fails: bad server",
+         steps({{SASL_BADSERV}}),
+         {kFirst},
+         -1,
+         280,
+         {step_err + "-10,errdetail=" + kDetail + ".\n"}},
+        {"step asks for interaction",
+         steps({{SASL_INTERACT, "", false, SASL_CB_USER}}),
+         {kFirst},
+         -1,
+         283,
+         {step_err + "2,errdetail=" + kDetail + ".\n"}},
+        {"server done early, client agrees",
+         steps({{SASL_OK, "tok2"}}),
+         {response(1, 0, creds("srv1"))},
+         1,
+         0,
+         {}},
+        {"server done early, client wants more",
+         steps({{SASL_CONTINUE, "tok2"}}),
+         {response(1, 0, creds("srv1"))},
+         -1,
+         283,
+         {step_err + "1,errdetail=" + kDetail + ".\n"}},
+        {"final response still has credentials",
+         no_script,
+         {kFirst, response(2, 14, creds("srv2")), response(3, 0, creds("extra"))},
+         -1,
+         283,
+         {b + "cmp_ldap_sasl_bind_s() error.rc=283,saslrc=0,len=5.\n"}},
+        {"final response without credentials",
+         no_script,
+         {kFirst, response(2, 14, creds("srv2")), response(3, 0, {})},
+         -1,
+         284,
+         {"cmp_ldap_ber_get_tag(): Illegal position (pos=14,mes->cmp_ldap_total_size=14).\n",
+          parse + "Failed to get serverSaslCreds. tag=0xff,len=-1,nextPos=14,total_size=14.\n"}},
+        {"bind in progress without credentials",
+         no_script,
+         {response(1, 14, {})},
+         -1,
+         284,
+         {"cmp_ldap_ber_get_tag(): Illegal position (pos=14,mes->cmp_ldap_total_size=14).\n",
+          parse + "Failed to get serverSaslCreds. tag=0xff,len=-1,nextPos=14,total_size=14.\n"}},
+        {"search result done answers",
+         no_script,
+         {response(1, 0, creds(""), "", 0x65)},
+         -1,
+         283,
+         {parse + "Illegal message (application=5).\n"}},
+        {"server refuses", no_script, {response(1, 49, creds(""), "no")}, -1, 49, {}},
+        {"referral skipped to the credentials",
+         no_script,
+         {response(1, 10, cat({tlv(0xA3, tlv(0x04, text("ldap://x/"))), creds("")}))},
+         -1,
+         10,
+         {}},
+        {"referral cut short",
+         no_script,
+         {response(1, 10, hex("A3"))},
+         -1,
+         284,
+         {parse + "Failed to get referral. Illegal length (content size=16).\n"}},
+        {"referral unreadable",
+         no_script,
+         {response(1, 10, hex("A3 05 30 00 87 00"))},
+         -1,
+         284,
+         {"cmp_ldap_ber_decode_string_stub(): It's not correct type (tag.type = 16).\n",
+          parse + "Failed to get referral.\n"}},
+        {"credentials beyond the end",
+         no_script,
+         {response(1, 14, hex("87 05 00"))},
+         -1,
+         284,
+         {parse + "Failed to get serverSaslCreds. tag=0x87,len=5,nextPos=14,total_size=17.\n"}},
+        {"resultCode unreadable",
+         no_script,
+         {tlv(0x30, cat({hex("02 01 01 61 03 04 01 00")}))},
+         -1,
+         284,
+         {"cmp_ldap_ber_decode_number(): It's not correct type (tag.type = 4).\n",
+          parse + "Failed to get resultCode.\n"}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        end();
+        fake::reset();
+        fake_sasl::Script script;
+        c.script(script);
+        start(script);
+        for (const Bytes &pdu : c.peer)
+            fake::peer_data(pdu);
+        EXPECT_EQ(bind(c.ccname), c.result);
+        EXPECT_EQ(ld_->ld_errno, c.ld_errno);
+        EXPECT_EQ(errors(), c.errors);
+        if (!c.errors.empty() && c.errors.back().find("errdetail") != std::string::npos) {
+            EXPECT_STREQ(ld_->ld_error, kDetail.c_str());
+        }
+    }
+}
+
+TEST_F(Sasl, UserPromptIsAnsweredWithAnEmptyName)
+{
+    end();
+    fake_sasl::Script s;
+    s.start = {{SASL_INTERACT, "", false, SASL_CB_USER}, {SASL_CONTINUE, "tok1"}};
+    start(s);
+    serve_default();
+    EXPECT_EQ(bind(), 3);
+    EXPECT_EQ(fake_sasl::seen().answers, Lines{"id=0x4001 result='' len=0 defresult=(null)"});
+}
+
+TEST_F(Sasl, BindStepWaitsTheSessionTimeOutAndNeedsCredentialsOnlyWhenAsked)
+{
+    const struct {
+        long sock_timeout;
+        bool want_creds;
+        Bytes reply;
+        int rc;
+        long waited;
+    } cases[] = {
+        {1999, true, response(1, 0, creds("ab")), 0, 1000},
+        {-1, true, response(1, 14, creds("ab")), 14, -1},
+        {5000, false, response(1, 0, {}), 0, 5000},
+        {5000, true, response(1, 0, {}), 284, 5000},
+    };
+    for (const auto &c : cases) {
+        end();
+        fake::reset();
+        start(fake_sasl::Script());
+        ld_->ld_sock_timeout = c.sock_timeout;
+        fake::peer_data(c.reply);
+        CMP_LDAP_SASL_CRED *server = nullptr;
+        int32_t msgid = 0;
+        CMP_LDAP_SASL_CRED none{0, {0}};
+        EXPECT_EQ(
+            cmp_ldap_sasl_bind_s(ld_, "GSSAPI", &none, c.want_creds ? &server : nullptr, &msgid),
+            c.rc);
+        EXPECT_EQ(msgid, 1);
+        EXPECT_EQ(fake::recv_timeouts().at(0), c.waited);
+        EXPECT_EQ(fake::sent(), request(1, ""));
+        if (c.rc == 0 && c.want_creds) {
+            ASSERT_NE(server, nullptr);
+            EXPECT_EQ(server->total_size, 2u);
+            EXPECT_EQ(memcmp(server->data, "ab", 2), 0);
+        }
+        support::free_block(server);
+    }
+}
+
+TEST_F(Sasl, BindStepFailuresBeforeTheResponse)
+{
+    struct {
+        uint32_t total_size;
+        unsigned char data[3];
+    } three = {3, {'x', 'y', 'z'}};
+    auto *cred = reinterpret_cast<CMP_LDAP_SASL_CRED *>(&three);
+    int32_t msgid = 0;
+    fake::arm_alloc_failure(1);
+    EXPECT_EQ(cmp_ldap_sasl_bind_s(ld_, "GSSAPI", cred, nullptr, &msgid), 265);
+    EXPECT_EQ(msgid, -1);
+    EXPECT_EQ(ld_->ld_mid, 1);
+    EXPECT_EQ(errors().front(), "cmp_ldap_sasl_bind(): Failed to allocate(27 btyes).\n");
+    EXPECT_EQ(errors().back(), "cmp_ldap_sasl_bind(): mechanism=GSSAPI,cred.total_size=3.\n");
+    EXPECT_TRUE(fake::logged_containing("cmp_ldap_sasl_bind(): ld: ld_errno=265,"));
+
+    fake::clear_log();
+    EXPECT_EQ(cmp_ldap_sasl_bind_s(ld_, nullptr, cred, nullptr, &msgid), 264);
+    EXPECT_EQ(msgid, -1);
+    EXPECT_EQ(ld_->ld_mid, 1);
+    EXPECT_EQ(errors(),
+              Lines{"cmp_ldap_sasl_bind(): parameter error (either of mechanism, cred).\n"});
+}
+
+TEST_F(Sasl, HostConnectedToPrefersTheReverseName)
+{
+    const struct {
+        bool peer;
+        const char *name;
+        const char *defhost;
+        const char *want;
+    } cases[] = {
+        {true, "ldap.example", "dflt", "ldap.example"},
+        {true, "", "dflt", "dflt"},
+        {true, "", nullptr, nullptr},
+        {false, "ldap.example", "dflt", nullptr},
+    };
+    for (const auto &c : cases) {
+        fake_sasl::Script s;
+        s.peer = c.peer;
+        s.reverse_name = c.name;
+        fake_sasl::reset(s);
+        char *host = cmp_ldap_host_connected_to(ld_, c.defhost);
+        if (c.want == nullptr) {
+            EXPECT_EQ(host, nullptr);
+        } else {
+            EXPECT_STREQ(host, c.want);
+        }
+        support::free_block(host);
+    }
+}
+
+TEST_F(Sasl, EveryOsWrapperCallFailingInTurn)
+{
+    const struct {
+        const char *function;
+        std::function<void(fake_sasl::Script &)> script;
+        int result;
+        int32_t ld_errno;
+        std::string line;
+    } cases[] = {
+        {"zelOSWLockTask", nullptr, -1, 285,
+         "cmp_ldap_sasl_init_mutex() zelOSWLockTask() Error: Error=5.\n"},
+        {"zelOSWCreateMutexSem", nullptr, -1, 285,  // the fake knows no mutex 0
+         "cmp_ldap_sasl_lock_mutex() zelOSWRequestMutexSem() Error: Error=3.\n"},
+        {"zelOSWUnlockTask", nullptr, -1, 285,
+         "cmp_ldap_sasl_init_mutex() zelOSWUnlockTask() Error: Error=5.\n"},
+        {"zelOSWRequestMutexSem", nullptr, -1, 285,
+         "cmp_ldap_sasl_lock_mutex() zelOSWRequestMutexSem() Error: Error=5.\n"},
+        {"zelOSWCreateJoinTask", nullptr, -1, 275,
+         "cmp_ldap_int_sasl_bind_task(): zelOSWCreateTask() error(rc=5).SASL thread not "
+         "create.\n"},
+        {"zelOSWWaitTask", nullptr, 3, 0,  // tried again: the task reads the caller's frame
+         "cmp_ldap_int_sasl_bind_task() zelOSWWaitTask() Error: Error=5.\n"},
+        {"zelOSWReleaseMutexSem", nullptr, -1, 285,
+         "cmp_ldap_sasl_unlock_mutex() zelOSWReleaseMutexSem() Error: Error=5.\n"},
+        {"zelOSWReleaseMutexSem", [](fake_sasl::Script &s) { s.reverse_name = ""; }, -1, 281,
+         "cmp_ldap_sasl_unlock_mutex() zelOSWReleaseMutexSem() Error: Error=5.\n"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.function);
+        end();
+        fake::reset();
+        fake_sasl::Script script;
+        if (c.script) c.script(script);
+        start(script);
+        serve_default();
+        fake::script_os(c.function, {5});
+        EXPECT_EQ(bind(), c.result);
+        EXPECT_EQ(ld_->ld_errno, c.ld_errno);
+        EXPECT_EQ(errors(), Lines{c.line});
+    }
+}
+
+TEST_F(Sasl, EveryAllocationFailingInTurnLeavesNothing)
+{
+    end();
+    long n = support::sweep_alloc_failures([&](long k) {
+        start(fake_sasl::Script());
+        serve_default();
+        fake::arm_alloc_failure(k);
+        int rc = bind();
+        if (k == 0) {
+            EXPECT_EQ(rc, 3);
+        } else {
+            EXPECT_EQ(rc, -1) << "allocation " << k;
+            EXPECT_NE(ld_->ld_errno, 0) << "allocation " << k;
+        }
+        end();
+    });
+    EXPECT_GT(n, 20);
+}
+
+TEST_F(Sasl, BindMethodSaslRunsTheInteractiveBind)
+{
+    const std::string p = "cmp_ldap_bind(): parameter error (either of dn, domain ,ccname).\n";
+    const struct {
+        const char *dn, *domain, *ccname;
+    } refused[] = {{nullptr, "D", "c"}, {"u", nullptr, "c"}, {"u", "D", nullptr}};
+    for (const auto &r : refused) {
+        fake::clear_log();
+        EXPECT_EQ(cmp_ldap_bind(ld_, r.dn, "pw", r.domain, r.ccname, 0xa3), -1);
+        EXPECT_EQ(ld_->ld_errno, 264);
+        EXPECT_EQ(fake::log_texts(), Lines{p});
+    }
+    EXPECT_EQ(ld_->ld_mid, 0);
+
+    ld_->ld_errno = 0;
+    serve_default();
+    EXPECT_EQ(cmp_ldap_bind(ld_, "u", nullptr, "D", kCache.c_str(), 0xa3), 3);
+    // The SASL bind answers for its last id without reading.
+    CMP_LDAP_MESSAGE *res = nullptr;
+    EXPECT_EQ(cmp_ldap_result(ld_, 3, 0, nullptr, &res), CMP_LDAP_RES_BIND);
+    EXPECT_EQ(res, nullptr);
+    EXPECT_EQ(cmp_ldap_result2error(ld_, nullptr, 1), 0);
+
+    fake::clear_log();
+    EXPECT_EQ(cmp_ldap_bind(ld_, "u", nullptr, "D", kNoCache.c_str(), 0xa3), -1);
+    EXPECT_EQ(ld_->ld_errno, 282);
+    EXPECT_TRUE(fake::logged_containing("cmp_ldap_bind(): ld: ld_errno=282,"));
+}
+
+}  // namespace
