@@ -55,6 +55,15 @@ inline fake::LogLine trace(const std::string &text)
     return log_line(1, -1, text);
 }
 
+/* Lines at level 0 that report no code, as dumps, decoders and accessors write them. */
+inline Log uncoded(const std::vector<std::string> &texts)
+{
+    Log out;
+    for (const std::string &t : texts)
+        out.push_back(err(-1, t));
+    return out;
+}
+
 inline ::testing::AssertionResult logged_whole(const fake::LogLine &want)
 {
     for (const fake::LogLine &l : fake::log())

@@ -80,6 +80,6 @@ TEST_F(SearchParams, ParsingAndEveryAllocationFailing)
             std::string line = std::string("cmp_ldap_parse_search_") + r.kind +
                                "(): Failed to allocate(" +
                                std::to_string(fake::alloc_sizes().back()) + " btyes).\n";
-            EXPECT_EQ(fake::log_texts(), k ? Strings{line} : Strings{});
+            EXPECT_EQ(fake::log(), k ? support::uncoded({line}) : support::Log{});
         });
 }
