@@ -64,9 +64,8 @@ int cmp_ldap_sasl_send(CMP_LDAP *ld, int32_t msgid, const char *mechanism,
     return rc < 0 ? -1 : 0;
 }
 
-/* Reads the serverSaslCreds of a BindResponse into a new block. Returns 0, or the
- * failure's code for ld_errno. The element is required: a response without it
- * fails, deliberately, since the exchange always asks for it. */
+/* Reads the serverSaslCreds of a BindResponse into a new block (NULL when a final
+ * response has none). Returns 0, or the failure's code for ld_errno. */
 int cmp_ldap_parse_sasl_bind_result(const CMP_LDAP_MESSAGE *res, CMP_LDAP_SASL_CRED **creds)
 {
     static const char kName[] = "cmp_ldap_parse_sasl_bind_result";
@@ -129,6 +128,10 @@ int cmp_ldap_parse_sasl_bind_result(const CMP_LDAP_MESSAGE *res, CMP_LDAP_SASL_C
         }
     }
 
+    /* A response that ends here has no serverSaslCreds. That is only wrong while the
+     * bind is in progress: a final result may leave them out (slapd does, on every
+     * success), and so may a refusal, whose code is worth more than a 284. */
+    if ((int64_t)pos >= (int64_t)total && code != CMP_LDAP_SASL_BIND_IN_PROGRESS) return 0;
     uint8_t tag = cmp_ldap_ber_get_tag(res, (int32_t)pos);
     long shown_len = -1;
     if (tag == kTagServerSaslCreds) {
