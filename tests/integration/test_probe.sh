@@ -2,6 +2,7 @@
 # toveistror-probe as a user runs it:   test_probe.sh PROBE STATE_DIR [--no-sasl]
 # Against slapd (and, unless --no-sasl, a KDC for GSSAPI): each case's exit status and its
 # one line of output, the same synchronously and with --async; a cancel; --help; misuse.
+# (Every outcome of the test itself is in test_conntest.cpp; here is what the tool prints.)
 set -uo pipefail
 probe=${1:?usage: test_probe.sh PROBE STATE_DIR [--no-sasl]}
 state=${2:?usage: test_probe.sh PROBE STATE_DIR [--no-sasl]}
@@ -42,14 +43,9 @@ check() {
 
 admin=(-H "$LDAP_URI" -D "$BIND_DN" -w "$BIND_PW")
 check "base found" 0 "0x00000000 success" "${admin[@]}" -b "$BASE_DN"
-check "no base" 0 "0x00000000 success" "${admin[@]}"
-check "blanks aside" 0 "0x00000000 success" "${admin[@]}" -b "ou=people, dc=example, dc=test"
 check "other case" 1 "0x51039182 base entry not found" "${admin[@]}" -b "DC=example,dc=test"
 check "wrong password" 1 "0x51031102 invalid credentials" "${admin[@]}" -w wrong
-check "StartTLS" 0 "0x00000000 success" "${admin[@]}" -ZZ -b "$BASE_DN"
-check "LDAPS" 0 "0x00000000 success" -H "$LDAPS_URI" -D "$BIND_DN" -w "$BIND_PW" -b "$BASE_DN"
 check "closed port" 1 "0x51032101 cannot connect (refused)" -H ldap://127.0.0.1:1
-TOVEISTROR_LDAP_PROTOCOL=0 check "LDAP switched off" 0 "0x00000000 success" "${admin[@]}"
 if [ "$sasl" = 1 ]; then
   ccache=$(sed -n "s/^CCACHE='FILE:\(.*\)'$/\1/p" "$work/kdc/env")
   KRB5_CONFIG=$(sed -n "s/^KRB5_CONFIG='\(.*\)'$/\1/p" "$work/kdc/env")
@@ -61,9 +57,26 @@ if [ "$sasl" = 1 ]; then
     -H "$LDAP_URI" -Y GSSAPI -C "$work/no-such-cache" -b "$BASE_DN"
 fi
 
-# A cancel at once meets the test at its first or second step.
-out=$("$probe" "${admin[@]}" -b "$BASE_DN" --async --cancel-after 0 2>&1)
+# A cancel during the bind's wait is seen once the answer is in, before the search: a
+# server that answers the bind after half a second, whatever the machine's load.
+python3 -c '
+import socket, sys, time
+lsn = socket.socket()
+lsn.bind(("127.0.0.1", 0))
+lsn.listen(1)
+print(lsn.getsockname()[1], flush=True)
+conn, _ = lsn.accept()
+conn.recv(1024)
+time.sleep(0.5)
+conn.sendall(bytes.fromhex("300c02010161070a010004000400"))
+conn.recv(1024)
+' >"$work/slow.port" &
+slow=$!
+for _ in $(seq 100); do [ -s "$work/slow.port" ] && break || sleep 0.05; done
+out=$("$probe" -H "ldap://127.0.0.1:$(cat "$work/slow.port")" -b "$BASE_DN" --async \
+  --cancel-after 100 2>&1)
 [ "$?:$out" = "1:0x51035105 cancelled" ] || fail "cancel: '$out'"
+kill "$slow" 2>/dev/null
 
 # --help lists every code the probe prints; misuse exits 2 before any connection.
 codes=$("$probe" --help | grep -cE '^  0x[0-9a-f]{8}  ')

@@ -11,7 +11,9 @@
 #include "support.h"
 
 using support::Bytes;
+using support::err;
 using support::hex;
+using support::logged_whole;
 using Script = std::function<void()>;
 
 namespace {
@@ -72,15 +74,6 @@ long errors()
     for (const fake::LogLine &l : fake::log())
         n += l.level == 0;
     return n;
-}
-
-bool has_line(int32_t rc, const std::string &text)
-{
-    for (const fake::LogLine &l : fake::log())
-        if (l.module == "CMP_LDAP" && l.level == 0 && l.reserved == 0 && l.rc == rc &&
-            l.text == text)
-            return true;
-    return false;
 }
 
 std::atomic<uint32_t> g_result{0};
@@ -247,7 +240,7 @@ TEST_F(ConnTest, CopyAndFreeParameters)
     EXPECT_TRUE(fake::log().empty());
 
     EXPECT_EQ(cmp_ldap_test_copy_param(nullptr), nullptr);
-    EXPECT_TRUE(has_line(-1, "cmp_ldap_test_copy_param(): parameter error.\n"));
+    EXPECT_TRUE(logged_whole(err(-1, "cmp_ldap_test_copy_param(): parameter error.\n")));
 
     /* A failed text does not stop the others: all seven allocations are tried. */
     long n = support::sweep_alloc_failures([&](long k) {
@@ -352,7 +345,7 @@ TEST_F(ConnTest, SequenceGivesTheSameResultsInBothForms)
             EXPECT_EQ(g_callbacks.load(), async ? 1 : 0);
             EXPECT_EQ(ops(fake::sent()), c.ops);
             std::string line = c.line[0] == '(' ? form + c.line : c.line;
-            EXPECT_TRUE(line.empty() || has_line(c.rc, line)) << line;
+            EXPECT_TRUE(line.empty() || logged_whole(err(c.rc, line))) << line;
             EXPECT_EQ(fake::setting_reads(), 0);
             EXPECT_EQ(fake::open_sockets(), 0);
             EXPECT_EQ(fake::live_queues(), 0);
@@ -390,7 +383,7 @@ TEST_F(ConnTest, RequestsOfAFullTest)
 
     start_afresh();
     EXPECT_EQ(cmp_ldap_test(nullptr), 264u);
-    EXPECT_TRUE(has_line(264, "cmp_ldap_test(): parameter error.param=NULL.\n"));
+    EXPECT_TRUE(logged_whole(err(264, "cmp_ldap_test(): parameter error.param=NULL.\n")));
 }
 
 /* A cancel found at each check point of the task; a queue that fails or holds a
@@ -424,7 +417,7 @@ TEST_F(ConnTest, CheckPointsOfTheTask)
         peer({kBindOk, entry(kBase), kDone})();
         EXPECT_EQ(run_task_here(c.quiet, c.msg, c.receive_rc), c.result);
         EXPECT_EQ(ops(fake::sent()), c.ops);
-        EXPECT_TRUE(c.line.empty() || has_line(c.receive_rc, c.line)) << c.line;
+        EXPECT_TRUE(c.line.empty() || logged_whole(err(c.receive_rc, c.line))) << c.line;
         EXPECT_EQ(errors(), c.line.empty() ? 0 : 1);
         EXPECT_EQ(s_async_test_idle, 1u);
         EXPECT_EQ(fake::live_queues(), 0);
@@ -442,16 +435,17 @@ TEST_F(ConnTest, StartAndCancel)
     /* a cancel before any test ever ran */
     CMP_LDAP_ASYNC_TEST_ID any{1, 2};
     EXPECT_EQ(cmp_ldap_async_test_cancel(&any), 0x5103720fu);
-    EXPECT_TRUE(
-        has_line(-1, "cmp_ldap_async_test_cancel(): error. s_async_test_msem_id is NULL.\n"));
+    EXPECT_TRUE(logged_whole(
+        err(-1, "cmp_ldap_async_test_cancel(): error. s_async_test_msem_id is NULL.\n")));
     EXPECT_EQ(cmp_ldap_async_test_cancel(nullptr), 264u);
-    EXPECT_TRUE(has_line(264, "cmp_ldap_async_test_cancel(): parameter error.conninfo=NULL.\n"));
+    EXPECT_TRUE(
+        logged_whole(err(264, "cmp_ldap_async_test_cancel(): parameter error.conninfo=NULL.\n")));
     EXPECT_EQ(cmp_ldap_async_test(nullptr, on_result, &any), 264u);
     char line[160];
     snprintf(line, sizeof line,
              "cmp_ldap_async_test(): parameter error.param=%p,result_callback=%p,conninfo=%p.\n",
              nullptr, reinterpret_cast<void *>(on_result), (void *)&any);
-    EXPECT_TRUE(has_line(264, line));
+    EXPECT_TRUE(logged_whole(err(264, line)));
 
     /* a cancel after the end sends nothing */
     peer({kBindOk, entry(kBase), kDone})();
@@ -486,8 +480,8 @@ TEST_F(ConnTest, StartAndCancel)
     }
     CMP_LDAP_ASYNC_TEST_ID *second = new_id();
     EXPECT_EQ(cmp_ldap_async_test(&p_, on_result, second), 0x5103720fu);
-    EXPECT_TRUE(
-        has_line(-1, "cmp_ldap_async_test(): error. nts_cls_async_test is executing now.\n"));
+    EXPECT_TRUE(logged_whole(
+        err(-1, "cmp_ldap_async_test(): error. nts_cls_async_test is executing now.\n")));
     EXPECT_EQ(cmp_ldap_async_test_cancel(id_), 0u);
     calls = fake::os_calls();
     EXPECT_EQ(std::count(calls.begin(), calls.end(), "zelOSWSendMsgQueue"), 1);
@@ -554,7 +548,7 @@ TEST_F(ConnTest, OsWrapperCallsFailingInTurn)
             EXPECT_EQ(g_result.load(), c.result);
         }
         std::string line = std::string(c.name) + "(): error. " + c.function + "[0x0000000b]\n";
-        EXPECT_TRUE(c.name[0] == '\0' || has_line(kOsError, line)) << line;
+        EXPECT_TRUE(c.name[0] == '\0' || logged_whole(err(kOsError, line))) << line;
         EXPECT_EQ(s_async_test_idle, 1u);
         EXPECT_EQ(fake::live_queues(), c.queues);
         if (!c.released) free_id();
@@ -575,8 +569,9 @@ TEST_F(ConnTest, OsWrapperCallsFailingInTurn)
             }
         };
         EXPECT_EQ(run_async(), 0u);
-        EXPECT_TRUE(has_line(kOsError, std::string("cmp_ldap_async_test_cancel(): error. ") +
-                                           function + "[0x0000000b]\n"));
+        EXPECT_TRUE(
+            logged_whole(err(kOsError, std::string("cmp_ldap_async_test_cancel(): error. ") +
+                                           function + "[0x0000000b]\n")));
         EXPECT_EQ(g_result.load(), 0u);
         free_id();
     }
