@@ -9,8 +9,12 @@ fixture=$(dirname "${BASH_SOURCE[0]}")/../fixtures/slapd.sh
 mkdir -p "$state"
 work=$(mktemp -d "$state/tool.XXXXXX")
 failures=0
-trap 'bash "$fixture" stop "$work/srv"; [ "$failures" -ne 0 ] || rm -rf "$work"' EXIT
+peers=""
+trap 'kill $peers 2>/dev/null; bash "$fixture" stop "$work/srv"; bash "$fixture" stop "$work/notls"
+  [ "$failures" -ne 0 ] || rm -rf "$work"' EXIT
 bash "$fixture" start "$work/srv" --owner $$ --shared "$state/shared" || exit 1
+bash "$fixture" start "$work/notls" --no-tls --owner $$ --shared "$state/shared" || exit 1
+NOTLS_URI=$(sed -n "s/^LDAP_URI='\(.*\)'$/\1/p" "$work/notls/env")
 # shellcheck source=/dev/null
 . "$work/srv/env"
 export TOVEISTROR_CA_FILE=$CA_FILE LDAPTLS_CACERT=$CA_FILE
@@ -29,7 +33,7 @@ same() {
   rc_want=$?
   "$tool" -x -H "$uri" ${opt:+"$opt"} "$@" >"$work/out" 2>"$work/err"
   rc_got=$?
-  got=$(grep -vE '^# (result|numEntries|numReferences|matchedDN|text):' "$work/out")
+  got=$(grep -vE '^# (result|numEntries|numReferences|matchedDN|text|ref):' "$work/out")
   [ "$rc_got" = "$rc_want" ] || fail "$name: exit $rc_got, ldapsearch $rc_want: $(cat "$work/err")"
   [ "$got" = "$want" ] || fail "$name: LDIF differs: $(diff <(echo "$want") <(echo "$got") | head)"
   [ -n "$want" ] || [ "$rc_want" != 0 ] || fail "$name: vacuous (no output)"
@@ -44,6 +48,69 @@ expect() {
   [ "$rc" = "$status" ] || fail "$name: exit $rc, expected $status: $out"
   grep -qE -- "$pattern" <<<"$out" || fail "$name: nothing matches '$pattern' in: $out"
 }
+
+# A scripted peer on a loopback address (python3), in the background:
+#   relay HOST PORT CAPTURE  forwards each connection to 127.0.0.1:PORT and appends what the
+#                            client sends to CAPTURE
+#   answer HOST HEX          answers the first request of each connection with the bytes HEX
+peer_py='
+import socket, sys, threading
+mode, host = sys.argv[1], sys.argv[2]
+lsn = socket.socket()
+lsn.bind((host, 0))
+lsn.listen(8)
+print(lsn.getsockname()[1], flush=True)
+
+def pump(src, dst, capture):
+    try:
+        while True:
+            data = src.recv(65536)
+            if not data:
+                break
+            if capture:
+                with open(capture, "ab") as f:
+                    f.write(data)
+            dst.sendall(data)
+    except OSError:
+        pass
+    for s in (src, dst):
+        try:
+            s.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+
+def answer(conn, reply):
+    conn.recv(65536)
+    conn.sendall(reply)
+    while conn.recv(65536):
+        pass
+    conn.close()
+
+while True:
+    conn, _ = lsn.accept()
+    if mode == "relay":
+        up = socket.create_connection(("127.0.0.1", int(sys.argv[3])))
+        threading.Thread(target=pump, args=(conn, up, sys.argv[4]), daemon=True).start()
+        threading.Thread(target=pump, args=(up, conn, None), daemon=True).start()
+    else:
+        reply = bytes.fromhex(sys.argv[3])
+        threading.Thread(target=answer, args=(conn, reply), daemon=True).start()
+'
+# start_peer VAR ARGS...: starts a peer, its port in VAR. It keeps none of our output open.
+start_peer() {
+  local var=$1 portfile i
+  shift
+  portfile=$(mktemp "$work/peer.XXXXXX")
+  python3 -c "$peer_py" "$@" </dev/null >"$portfile" 2>>"$work/peers.log" &
+  peers="$peers $!"
+  for ((i = 0; i < 500; i++)); do
+    [ -s "$portfile" ] && break
+    sleep 0.01
+  done
+  printf -v "$var" '%s' "$(cat "$portfile")"
+}
+
+hex() { printf '%s' "$1" | od -An -tx1 | tr -d ' \n'; }
 
 same equality "$LDAP_URI" "" -b "$people" "(sn=Archer)"
 same any-with-attrs "$LDAP_URI" "" -b "$people" "(cn=*ar*)" cn sn jpegPhoto
@@ -64,6 +131,68 @@ expect three 2 'not supported.*more than two' -H "$LDAP_URI" "(&(cn=a)(sn=b)(uid
 TOVEISTROR_CA_FILE=$OTHER_CA_FILE expect unknown-ca 1 'TLS handshake failed.*\(269\)' \
   -H "$LDAPS_URI" -b "$people"
 TOVEISTROR_LDAP_PROTOCOL=0 expect protocol-off 1 '\(276\)' -H "$LDAP_URI"
+
+# A referral result shows its URL (and, under the sanitizers, leaks nothing).
+same referral "$LDAP_URI" "" -b "cn=x,ou=elsewhere,$BASE_DN"
+expect referral-url 10 "^# ref: ldap://127.0.0.1:9/cn=x,ou=elsewhere,$BASE_DN\?\?sub$" \
+  -H "$LDAP_URI" -b "cn=x,ou=elsewhere,$BASE_DN"
+deep=$(printf '(&%.0s' {1..100})"(sn=Archer)"$(printf ')%.0s' {1..100})
+same nested-100 "$LDAP_URI" "" -b "$people" "$deep" cn
+deep=$(printf '(&%.0s' {1..20000})"(sn=Archer)"$(printf ')%.0s' {1..20000})
+expect nested-20000 2 'nested more than 100 levels deep' -H "$LDAP_URI" "$deep"
+
+# StartTLS refused by the server: -Z goes on in plain text, -ZZ stops.
+LDAP_URI=$NOTLS_URI same starttls-refused "$NOTLS_URI" -Z -b "$people" "(sn=Archer)" cn
+expect starttls-refused-zz 1 'StartTLS to .* refused by the server' -H "$NOTLS_URI" -ZZ
+
+# A certificate that fails our checks ends the run, -Z or -ZZ, before the password leaves
+# in clear: every byte the tool sends goes through a relay that keeps them. The server is
+# reached through 127.0.0.1 with a CA that did not sign its certificate, and through
+# 127.0.0.2, a name its certificate does not carry. ldapsearch gives the same statuses.
+capture=$work/capture
+relay_port="" named_port="" port="" # set by start_peer
+start_peer relay_port relay 127.0.0.1 "$LDAP_PORT" "$capture"
+start_peer named_port relay 127.0.0.2 "$LDAP_PORT" "$capture"
+# tls_case NAME STATUS PATTERN CA_FILE URI TOOL_ARGS...
+tls_case() {
+  local name=$1 status=$2 pattern=$3 ca=$4 uri=$5 rc_want
+  shift 5
+  LDAPTLS_CACERT=$ca ldapsearch -x -LLL -H "$uri" "$@" >/dev/null 2>&1
+  rc_want=$?
+  [ "$rc_want" = "$status" ] || fail "$name: ldapsearch exits $rc_want, not $status"
+  TOVEISTROR_CA_FILE=$ca expect "$name" "$status" "$pattern" -H "$uri" "$@"
+}
+bound=(-D "$USER_DN" -w "$USER_PW" -b "$USER_DN" -s base)
+ca_uri=ldap://127.0.0.1:$relay_port/
+name_uri=ldap://127.0.0.2:$named_port/
+tls_case other-ca-z 1 'StartTLS .*\(269\)$' "$OTHER_CA_FILE" "$ca_uri" -Z "${bound[@]}"
+tls_case other-ca-zz 1 'StartTLS .*\(269\)$' "$OTHER_CA_FILE" "$ca_uri" -ZZ "${bound[@]}"
+tls_case wrong-name-z 1 'StartTLS .*\(274\)$' "$CA_FILE" "$name_uri" -Z "${bound[@]}"
+tls_case wrong-name-zz 1 'StartTLS .*\(274\)$' "$CA_FILE" "$name_uri" -ZZ "${bound[@]}"
+# LDAPTLS_REQCERT as ldap.conf(5): only never and allow take the unverified certificate.
+for req in never ALLOW; do
+  LDAPTLS_REQCERT=$req tls_case "reqcert-$req" 0 '^# result: 0 Success$' "$OTHER_CA_FILE" \
+    "$ca_uri" -ZZ "${bound[@]}"
+done
+for req in try Demand hard; do
+  LDAPTLS_REQCERT=$req tls_case "reqcert-$req" 1 '\(269\)$' "$OTHER_CA_FILE" "$ca_uri" -ZZ \
+    "${bound[@]}"
+done
+grep -qaF "1.3.6.1.4.1.1466.20037" "$capture" || fail "relay: no StartTLS request went through it"
+! grep -qaF "$USER_PW" "$capture" || fail "the password went out in clear"
+
+# A hostile server: a read the library refuses is a failure of the run even when it leaves
+# no code in ld_errno; a referral's URLs are all shown, also in a long-form element.
+for pdu in "length-ffffffff 30 84 ff ff ff ff" "length-of-5 30 85 01 00 00 00 00"; do
+  start_peer port answer 127.0.0.1 "${pdu#* }"
+  expect "${pdu%% *}" 1 'search results: failed without a result code$' \
+    -H "ldap://127.0.0.1:$port/"
+done
+a=ldap://a.example/
+b=ldap://b.example/
+start_peer port answer 127.0.0.1 "3035020101 6530 0a010a 0400 0400 a38126 0411$(hex $a) 0411$(hex $b)"
+got=$("$tool" -H "ldap://127.0.0.1:$port/" 2>&1 | grep '^# ref')
+[ "$got" = "$(printf '# ref: %s\n# ref: %s' "$a" "$b")" ] || fail "two-referrals: $got"
 
 echo "test_tool: $failures failed"
 [ "$failures" -eq 0 ]
