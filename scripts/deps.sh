@@ -10,6 +10,7 @@ PKGS=(
   libssl-dev openssl libsasl2-dev libkrb5-dev
   slapd ldap-utils krb5-kdc krb5-admin-server krb5-user libsasl2-modules-gssapi-mit
   g++-arm-linux-gnueabihf qemu-user
+  python3
 )
 
 missing=()
