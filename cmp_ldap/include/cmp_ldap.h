@@ -7,13 +7,17 @@
  * Conventions:
  *  - Request operations return a message id, or -1 with the reason in ld_errno.
  *  - ld_errno is written on failure only; a success does not reset it.
- *  - Every block the library hands out is released with zelOSWOrgFreeMemPart(0, p)
- *    or with the matching cmp_ldap_*_free function.
+ *  - Every block the library hands out is released with cmp_ldap_memfree(p) or with
+ *    the matching cmp_ldap_*_free function.
+ *  - The version macros (CMP_LDAP_VERSION_*) come from cmp_ldap_version.h, which the
+ *    build generates and installs beside this header.
  */
 #ifndef CMP_LDAP_H
 #define CMP_LDAP_H
 
 #include <stdint.h>
+
+#include "cmp_ldap_version.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -255,6 +259,12 @@ CMP_LDAP_API int32_t cmp_ldap_get_new_message_id(CMP_LDAP *ld);
 CMP_LDAP_API void *cmp_ldap_malloc(const char *funcname, uint32_t size);
 CMP_LDAP_API char *cmp_ldap_strdup(const char *s);
 CMP_LDAP_API char *cmp_ldap_strdup_without_space(const char *s);
+/* Releases a block the library handed out that has no free function of its own:
+ * a text taken from ld_referral, SASL server credentials. NULL is harmless. */
+CMP_LDAP_API void cmp_ldap_memfree(void *block);
+/* The version of the library in use, in the form of CMP_LDAP_VERSION_NUMBER:
+ * compare the two to check at run time what the headers promised at build time. */
+CMP_LDAP_API uint32_t cmp_ldap_version(void);
 
 /* ------------------------------------------------------------------------
  * Sessions
@@ -393,7 +403,7 @@ CMP_LDAP_API int cmp_ldap_sasl_interactive_bind_s(CMP_LDAP *ld, const char *user
                                                   const char *domain, const char *ccname);
 /* One step: sends a SASL BindRequest and reads its BindResponse. Returns its result
  * code (14: go on) or a library code; *servercredp (when given) then holds the
- * server's credentials, released with zelOSWOrgFreeMemPart(0, p). */
+ * server's credentials, released with cmp_ldap_memfree(p). */
 CMP_LDAP_API int cmp_ldap_sasl_bind_s(CMP_LDAP *ld, const char *mechanism,
                                       const CMP_LDAP_SASL_CRED *cred,
                                       CMP_LDAP_SASL_CRED **servercredp, int32_t *msgidp);
