@@ -426,7 +426,6 @@ TEST(ConnectionTest, StartCancelRaces)
         ++outcomes[g_result];
     }
     EXPECT_EQ(open_descriptors(), fds);
-    EXPECT_EQ(outcomes.size(), 2u);
     EXPECT_EQ(outcomes[0] + outcomes[0x51035105], rounds);
     EXPECT_GT(outcomes[0x51035105], 0);
     std::printf("%d rounds of about %ld us: %d complete, %d cancelled\n", rounds, span_us,
