@@ -1,6 +1,7 @@
 // toveistror-search: the command line, read the way ldapsearch reads it.
 #include <fcntl.h>
 #include <getopt.h>
+#include <strings.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -30,11 +31,14 @@ const char kUsage[] =
     "               new plain connection (a failed handshake or certificate check ends\n"
     "               the run before anything else is sent)\n"
     "  -ZZ          require StartTLS: fail if it cannot be established\n"
-    "  -x           simple authentication (the only kind this tool offers; optional)\n"
+    "  -x           simple authentication (optional)\n"
     "  -D binddn    bind DN; without -D the search runs anonymously\n"
     "  -w passwd    bind password\n"
     "  -W           prompt for the bind password\n"
     "  -y file      read the bind password from file (its whole contents, as is)\n"
+    "  -Y GSSAPI    SASL GSSAPI bind with the Kerberos credential cache of KRB5CCNAME\n"
+    "               (a FILE: cache; default /tmp/krb5cc_UID), no security layer\n"
+    "  -U authcid, -R realm  accepted with -Y; they only appear in the library's trace\n"
     "  -b base      search base (default: the empty DN)\n"
     "  -s scope     base, one or sub (default sub)\n"
     "  -a deref     never, search, find or always (default never)\n"
@@ -166,8 +170,8 @@ Options parse_options(int argc, char **argv)
                                       {nullptr, 0, nullptr, 0}};
     int c;
     opterr = 0;
-    while ((c = getopt_long(n, args.data(), ":hH:ZxD:w:Wy:b:s:a:z:l:o:Ad::L", longopts, nullptr)) !=
-           -1) {
+    while ((c = getopt_long(n, args.data(), ":hH:ZxD:w:Wy:Y:U:R:b:s:a:z:l:o:Ad::L", longopts,
+                            nullptr)) != -1) {
         switch (c) {
             case 'h':
                 std::fputs(kUsage, stdout);
@@ -195,6 +199,15 @@ Options parse_options(int argc, char **argv)
             case 'y':
                 o.password = read_file(optarg);
                 o.have_password = true;
+                break;
+            case 'Y':
+                o.sasl_mech = optarg;
+                break;
+            case 'U':
+                o.sasl_user = optarg;
+                break;
+            case 'R':
+                o.sasl_realm = optarg;
                 break;
             case 'b':
                 o.base = optarg;
@@ -280,6 +293,9 @@ Options parse_options(int argc, char **argv)
         o.have_password = true;
     }
     if (o.have_password && !o.have_binddn) usage_error("a password needs a bind DN (-D)");
+    if (!o.sasl_mech.empty() && strcasecmp(o.sasl_mech.c_str(), "GSSAPI") != 0)
+        usage_error("the only SASL mechanism is GSSAPI: '" + o.sasl_mech + "'");
+    if (!o.sasl_mech.empty() && o.have_binddn) usage_error("-Y and -D exclude each other");
     return o;
 }
 

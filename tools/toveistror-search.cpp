@@ -2,6 +2,7 @@
 // library. It speaks only what the library speaks (simple bind, one search of
 // the library's filter shape) and prints LDIF (RFC 2849).
 #include <strings.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -53,6 +54,16 @@ const char *library_code_text(int code)
             return "Cannot create a socket";
         case CMP_LDAP_CONNECT_ERROR:
             return "Cannot connect to the server";
+        case CMP_LDAP_SASL_AUTH_FAILED:
+            return "SASL authentication failed";
+        case CMP_LDAP_SASL_NO_HOST:
+            return "No host name for the server's address";
+        case CMP_LDAP_KRB5_CCACHE_ERROR:
+            return "No Kerberos credential cache";
+        case CMP_LDAP_SASL_ERROR:
+        case CMP_LDAP_SASL_RESULT_ERROR:
+        case CMP_LDAP_SASL_TASK_ERROR:
+            return "SASL bind failed";
         default:
             return nullptr;
     }
@@ -270,6 +281,33 @@ void simple_bind(CMP_LDAP *ld, const Options &o)
     }
 }
 
+// The whole GSSAPI exchange runs inside cmp_ldap_bind. The cache comes from
+// KRB5CCNAME as ldapsearch users set it; the library takes a file's path.
+void gssapi_bind(CMP_LDAP *ld, const Options &o)
+{
+    const char *env = std::getenv("KRB5CCNAME");
+    std::string cache = env != nullptr ? env : "/tmp/krb5cc_" + std::to_string(getuid());
+    if (cache.compare(0, 5, "FILE:") == 0) cache.erase(0, 5);
+    if (cache.find(':') != std::string::npos && cache[0] != '/') {
+        std::fprintf(stderr, "%s: bind: KRB5CCNAME must name a FILE: cache: %s\n", kProg,
+                     cache.c_str());
+        cmp_ldap_unbind(ld);
+        std::exit(kExitFailure);
+    }
+    ld->ld_errno = 0;
+    if (cmp_ldap_bind(ld, o.sasl_user.c_str(), nullptr, o.sasl_realm.c_str(), cache.c_str(),
+                      CMP_LDAP_AUTH_SASL) >= 0)
+        return;
+    int code = ld->ld_errno;
+    std::string text = ld->ld_error != nullptr ? ld->ld_error : "";
+    drop_referral(ld);
+    cmp_ldap_unbind(ld);
+    std::fprintf(stderr, "%s: bind: %s\n", kProg,
+                 code != 0 ? code_text(code).c_str() : "failed without a result code");
+    if (!text.empty()) std::fprintf(stderr, "\tadditional info: %s\n", text.c_str());
+    std::exit(exit_status(code != 0 ? code : kExitFailure));
+}
+
 void print_entry(CMP_LDAP *ld, CMP_LDAP_MESSAGE *msg, Ldif &out)
 {
     ld->ld_errno = 0;
@@ -371,6 +409,7 @@ int main(int argc, char **argv)
 
     CMP_LDAP *ld = open_session(o, srv);
     if (o.have_binddn) simple_bind(ld, o);
+    if (!o.sasl_mech.empty()) gssapi_bind(ld, o);
     int rc = search(ld, o, f, attrs);
     cmp_ldap_unbind(ld);
     return exit_status(rc);

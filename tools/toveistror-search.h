@@ -34,6 +34,9 @@ struct Options {
     std::string password;
     bool have_password = false;
     bool prompt_password = false;
+    std::string sasl_mech;  // -Y: GSSAPI only; -U and -R go to the library's trace
+    std::string sasl_user;
+    std::string sasl_realm;
     std::string base;
     uint32_t scope = CMP_LDAP_SCOPE_SUBTREE;
     int deref = CMP_LDAP_DEREF_NEVER;
