@@ -2,7 +2,8 @@
 # Checks the library's symbols:   check_symbols.sh [--port] SHARED STATIC [NM]
 #  - the shared library exports only cmp_ldap_* functions, each declared in cmp_ldap.h;
 #  - the core objects (STATIC) call no allocator, socket, thread or TLS function directly
-#    (those belong to the platform port);
+#    (those belong to the platform port); of Cyrus SASL and Kerberos only the calls of the
+#    GSSAPI bind (getpeername, getnameinfo and stat are the C library's, and allowed);
 #  - with --port, the shared library carries its port: no platform function is left
 #    undefined in it, so that a program links it alone (-lcmp_ldap).
 set -euo pipefail
@@ -22,6 +23,10 @@ if [ -n "$bad" ]; then echo "exported but not in cmp_ldap.h:"; echo "$bad"; exit
 forbidden='^(malloc|calloc|realloc|free|_Znw.*|_Zna.*|_Zdl.*|_Zda.*|socket|connect|send|recv|poll|select|close|getaddrinfo|freeaddrinfo|pthread_.*|SSL_.*|__cxa_throw|__gxx_personality_v0)$'
 undef=$("$nm" -u "$static" | awk '{print $NF}' | sed 's/@.*//' | sort -u | grep -E "$forbidden" || true)
 if [ -n "$undef" ]; then echo "core calls platform functions directly:"; echo "$undef"; exit 1; fi
+sasl='^(sasl_(version|client_init|client_new|getprop|setprop|client_start|client_step|errdetail|dispose)|gss_krb5_ccache_name)$'
+undef=$("$nm" -u "$static" | awk '{print $NF}' | sed 's/@.*//' | sort -u |
+  grep -E '^(sasl_|_sasl|gss_|krb5_)' | grep -vE "$sasl" || true)
+if [ -n "$undef" ]; then echo "core calls SASL or Kerberos beyond the GSSAPI bind:"; echo "$undef"; exit 1; fi
 if [ "$port" = 1 ]; then
   platform='^(cmp_netsock_|osl_scr_ssl_wrp_|zelOSW|cmp_dbglog_|ent_set_)'
   missing=$("$nm" -D --undefined-only "$shared" | awk '{print $NF}' | grep -E "$platform" || true)
