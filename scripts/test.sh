@@ -29,8 +29,10 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
   ctest --test-dir build-asan --output-on-failure -j"$jobs"
 
 echo "== 32-bit ARM (arm-linux-gnueabihf) under qemu-arm: unit tests"
+# Without an armhf sysroot there are no armhf Cyrus SASL and Kerberos headers: no SASL here.
 cmake -S . -B build-arm -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake -DTOVEISTROR_POSIX_PORT=OFF \
+  -DTOVEISTROR_SASL=OFF \
   -DTOVEISTROR_GTEST_SOURCE=/usr/src/googletest >/dev/null
 cmake --build build-arm -j"$jobs"
 ctest --test-dir build-arm -L unit --output-on-failure -j"$jobs"
