@@ -21,19 +21,26 @@ namespace {
 constexpr int32_t kOsError = 0x0b;
 const char kBase[] = "dc=example,dc=test";
 
-/* Response PDUs with one-octet lengths: id, then the protocolOp. */
+/* Elements with one-octet lengths, built by appending (GCC 12 on 32-bit ARM misreads
+ * vector::insert of a short range as out of bounds). */
+Bytes operator+(Bytes a, const Bytes &b)
+{
+    for (uint8_t c : b)
+        a.push_back(c);
+    return a;
+}
+Bytes tlv(uint8_t tag, const Bytes &content)
+{
+    return Bytes{tag, static_cast<uint8_t>(content.size())} + content;
+}
+/* A response: id, then the protocolOp. */
 Bytes pdu(uint8_t id, uint8_t op, const Bytes &content)
 {
-    Bytes b{0x30, static_cast<uint8_t>(content.size() + 5), 0x02, 0x01, id,
-            op,   static_cast<uint8_t>(content.size())};
-    b.insert(b.end(), content.begin(), content.end());
-    return b;
+    return tlv(0x30, Bytes{0x02, 0x01, id} + tlv(op, content));
 }
 Bytes octets(const std::string &s)
 {
-    Bytes b{0x04, static_cast<uint8_t>(s.size())};
-    b.insert(b.end(), s.begin(), s.end());
-    return b;
+    return tlv(0x04, Bytes(s.begin(), s.end()));
 }
 Bytes result(uint8_t id, uint8_t op, uint8_t code)
 {
@@ -41,9 +48,7 @@ Bytes result(uint8_t id, uint8_t op, uint8_t code)
 }
 Bytes entry(const std::string &dn)
 {
-    Bytes c = octets(dn);
-    c.insert(c.end(), {0x30, 0x00});
-    return pdu(2, 0x64, c);
+    return pdu(2, 0x64, octets(dn) + Bytes{0x30, 0x00});
 }
 Script peer(std::vector<Bytes> pdus)
 {
