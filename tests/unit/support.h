@@ -156,15 +156,13 @@ class FakePortTest : public ::testing::Test {
     void TearDown() override
     {
         EXPECT_EQ(fake::live_blocks(), 0) << fake::live_block_report();
+        EXPECT_EQ(fake::open_sockets(), 0);
         EXPECT_EQ(fake::live_addrinfo(), 0);
         EXPECT_EQ(fake::live_tls_contexts(), 0);
         EXPECT_EQ(fake::live_tls_connections(), 0);
         EXPECT_EQ(fake::bad_pool_frees(), 0);
         fake::reset();
     }
-
-    /* The log lines written since the last clear, texts only. */
-    std::vector<std::string> lines() { return fake::log_texts(); }
 };
 
 /* The fail-malloc sweep: scenario(k) sets up what it needs (its own allocations

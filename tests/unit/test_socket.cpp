@@ -63,27 +63,22 @@ TEST_F(Socket, ConnectTriesIpv4ThenGlobalThenLinkLocalWhateverTheResolverOrder)
     ASSERT_EQ(a.size(), 7u);
     ASSERT_EQ(sockets.size(), 7u);
     for (size_t i = 0; i < a.size(); ++i) { /* the scope is set for link-local ones only */
-        EXPECT_EQ(a[i].addr, in[order[i]].addr) << i;
-        EXPECT_EQ(a[i].port, 389) << i;
-        EXPECT_EQ(a[i].timeout, 5000L) << i;
-        EXPECT_EQ(a[i].addrlen, length[i]) << i;
-        EXPECT_EQ(a[i].scope_id, i >= 5 ? 7u : 0u) << i;
-        EXPECT_EQ(sockets[i].family, in[order[i]].family) << i; /* a stream socket, protocol 0 */
-        EXPECT_EQ(sockets[i].type, SOCK_STREAM) << i;
-        EXPECT_EQ(sockets[i].protocol, 0) << i;
+        EXPECT_EQ(std::tie(a[i].addr, a[i].port, a[i].timeout, a[i].addrlen, a[i].scope_id),
+                  std::make_tuple(in[order[i]].addr, 389, 5000L, length[i], i >= 5 ? 7u : 0u));
+        /* a stream socket of the candidate's family, protocol 0 */
+        EXPECT_EQ(std::tie(sockets[i].family, sockets[i].type, sockets[i].protocol),
+                  std::make_tuple(in[order[i]].family, SOCK_STREAM, 0));
     }
     EXPECT_EQ(fake::log(),
               connect_failures({{-1, 16}, {-3, 16}, {-4, 28}, {-5, 28}, {-6, 128}, {-7, 28}}));
     EXPECT_EQ(ld.ld_sockfd, a[6].sockfd);
+    EXPECT_EQ(cmp_ldap_close_socket(ld.ld_sockfd), 0);
     /* one resolver call: the name, no service, hints for TCP over any family */
     const auto asked = fake::resolver_calls();
     ASSERT_EQ(asked.size(), 1u);
-    EXPECT_EQ(asked[0].node, "ldap.example");
-    EXPECT_EQ(asked[0].service, "(null)");
-    EXPECT_EQ(asked[0].flags, 0);
-    EXPECT_EQ(asked[0].family, AF_UNSPEC);
-    EXPECT_EQ(asked[0].socktype, SOCK_STREAM);
-    EXPECT_EQ(asked[0].protocol, IPPROTO_TCP);
+    const fake::ResolverCall &r = asked[0];
+    EXPECT_EQ(std::tie(r.node, r.service, r.flags, r.family, r.socktype, r.protocol),
+              std::make_tuple("ldap.example", "(null)", 0, AF_UNSPEC, SOCK_STREAM, IPPROTO_TCP));
 }
 
 TEST_F(Socket, ConnectFailures)
