@@ -365,6 +365,8 @@ void cmp_ldap_test_connection_finish(CMP_LDAP_TEST_PARAM *param,
     uint32_t mutex = cmp_ldap_test_mutex();
     int32_t rc = zelOSWRequestMutexSem(mutex, ZELOSW_WAIT_FOREVER);
     if (rc != 0) {
+        /* Without the mutex nothing orders this end against a cancel, nor against a
+         * start still copying the task id out of the block freed below. */
         cmp_ldap_test_os_error(kName, "zelOSWRequestMutexSem", rc);
         cmp_ldap_test_set_idle();
     } else {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <thread>
 
 #include "cmp_ldap_internal.h"
 #include "support.h"
@@ -134,7 +135,9 @@ class ConnTest : public support::FakePortTest {
     uint32_t run_async()
     {
         id_ = new_id();
+        started_ = false;
         uint32_t started = cmp_ldap_async_test(&p_, on_result, id_);
+        started_ = true;
         if (started == 0) {
             EXPECT_EQ(zelOSWWaitTask(id_->task_id, -1), 0);
         }
@@ -167,6 +170,7 @@ class ConnTest : public support::FakePortTest {
     char base_[32] = "dc=example,dc=test";
     CMP_LDAP_TEST_PARAM p_{};
     CMP_LDAP_ASYNC_TEST_ID *id_ = nullptr;
+    std::atomic<bool> started_{false}; /* run_async's start has returned */
 };
 
 }  // namespace
@@ -540,7 +544,15 @@ TEST_F(ConnTest, OsWrapperCallsFailingInTurn)
         fake::script_os(c.function, script);
         id_ = new_id();
         bool held = c.started == 0 && c.name == std::string("cmp_ldap_async_test");
+        /* the task waits in its callback until the start has returned: without the
+         * mutex (a failed request) nothing else keeps it from ending first */
+        g_in_callback = [&] {
+            while (!started_)
+                std::this_thread::yield();
+        };
+        started_ = false;
         EXPECT_EQ(cmp_ldap_async_test(&p_, on_result, id_), c.started);
+        started_ = true;
         /* a start that kept the mutex: this task still owns it and lets the test end */
         if (held) {
             EXPECT_EQ(zelOSWReleaseMutexSem(s_async_test_msem_id), 0);
@@ -566,6 +578,9 @@ TEST_F(ConnTest, OsWrapperCallsFailingInTurn)
         start_afresh();
         peer({kBindOk, entry(kBase), kDone})();
         g_in_callback = [&] {
+            /* the task may get here before the start has released the mutex */
+            while (!started_)
+                std::this_thread::yield();
             fake::script_os(function, {kOsError});
             EXPECT_EQ(cmp_ldap_async_test_cancel(id_), 0x5103720fu);
             /* a release that failed leaves the mutex with this task */
