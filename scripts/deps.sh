@@ -5,12 +5,17 @@
 set -euo pipefail
 
 PKGS=(
-  build-essential cmake ninja-build pkg-config clang clang-format libclang-rt-dev
-  libgtest-dev libgmock-dev googletest libbenchmark-dev
-  libssl-dev openssl libsasl2-dev libkrb5-dev
-  slapd ldap-utils krb5-kdc krb5-admin-server krb5-user libsasl2-modules-gssapi-mit
-  g++-arm-linux-gnueabihf qemu-user
+  # build: compilers, CMake, and what the POSIX port (OpenSSL) and the SASL bind link
+  build-essential cmake ninja-build pkg-config libssl-dev libsasl2-dev libkrb5-dev
+  # demo (and tests): a throwaway slapd, openssl for its test CA, ldapsearch as reference
+  slapd ldap-utils openssl
+  # tests: GoogleTest, Clang for the sanitizers and fuzzing, clang-format, benchmarks,
+  # a Kerberos KDC and GSSAPI for the SASL tests, python3 for scripted peers
+  clang clang-format libclang-rt-dev libgtest-dev libgmock-dev googletest libbenchmark-dev
+  krb5-kdc krb5-admin-server krb5-user libsasl2-modules-gssapi-mit
   python3
+  # cross: the 32-bit ARM build and the emulator its tests run under
+  g++-arm-linux-gnueabihf qemu-user
 )
 
 missing=()

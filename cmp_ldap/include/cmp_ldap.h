@@ -463,8 +463,8 @@ typedef struct CMP_LDAP_TEST_PARAM {
 } CMP_LDAP_TEST_PARAM;
 
 /* The identity of a running asynchronous test; its 8 bytes are also the cancel
- * message. The caller provides it from zelOSWSubAllocMem: a start that fails
- * after copying the parameters releases it. */
+ * message. The caller provides it from the library's memory (cmp_ldap_malloc):
+ * a start that fails after copying the parameters releases it. */
 typedef struct CMP_LDAP_ASYNC_TEST_ID {
     uint32_t task_id;
     uint32_t msgq_id;
