@@ -164,10 +164,6 @@ std::string live_block_report()
     return out.str();
 }
 
-const std::vector<LogLine> &log()
-{
-    return st().log;
-}
 std::vector<std::string> log_texts()
 {
     Guard g(g_lock);
@@ -189,18 +185,6 @@ bool logged_containing(const std::string &fragment)
     return false;
 }
 
-Resolved ipv4(const char *text)
-{
-    return parse(AF_INET, text);
-}
-Resolved ipv6(const char *text)
-{
-    return parse(AF_INET6, text);
-}
-const std::vector<ConnectAttempt> &connect_attempts()
-{
-    return st().attempts;
-}
 long open_sockets()
 {
     Guard g(g_lock);
@@ -210,32 +194,8 @@ long open_sockets()
     return n;
 }
 
-void peer_data(const Bytes &bytes)
-{
-    push_event(Event{Event::Data, bytes});
-}
-void peer_data_bytewise(const Bytes &bytes)
-{
-    push_event(Event{Event::Data, bytes, 0, true});
-}
-void peer_timeout()
-{
-    push_event(Event{Event::Timeout, {}});
-}
-void peer_error(int32_t rc)
-{
-    push_event(Event{Event::Error, {}, rc});
-}
-const Bytes &sent()
-{
-    return st().sent;
-}
-const OSL_SCR_SSL_WRP_SETTINGS &last_tls_settings()
-{
-    return st().tls_settings;
-}
-
-/* One line per accessor: each takes the lock for its one statement. */
+/* One line per accessor and script call; LOCKED ones take the lock for their statement
+ * (the references are read by a test once the library's threads are done). */
 // clang-format off
 void arm_alloc_failure(long n, bool every_after) LOCKED(st().arm_at = n, st().every_after = every_after, st().since_arm = 0)
 long allocs_since_arm() LOCKED(return st().since_arm)
@@ -266,6 +226,16 @@ std::vector<std::string> os_calls() LOCKED(return st().os_calls)
 long live_queues() LOCKED(return (long)st().queues.size())
 void set_setting(int32_t rc, uint8_t value) LOCKED(st().setting_rc = rc, st().setting_value = value)
 long setting_reads() LOCKED(return st().setting_reads)
+const std::vector<LogLine> &log() { return st().log; }
+Resolved ipv4(const char *text) { return parse(AF_INET, text); }
+Resolved ipv6(const char *text) { return parse(AF_INET6, text); }
+const std::vector<ConnectAttempt> &connect_attempts() { return st().attempts; }
+void peer_data(const Bytes &bytes) { push_event(Event{Event::Data, bytes}); }
+void peer_data_bytewise(const Bytes &bytes) { push_event(Event{Event::Data, bytes, 0, true}); }
+void peer_timeout() { push_event(Event{Event::Timeout, {}}); }
+void peer_error(int32_t rc) { push_event(Event{Event::Error, {}, rc}); }
+const Bytes &sent() { return st().sent; }
+const OSL_SCR_SSL_WRP_SETTINGS &last_tls_settings() { return st().tls_settings; }
 // clang-format on
 
 }  // namespace fake

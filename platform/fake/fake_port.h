@@ -8,7 +8,7 @@
  *   fake::arm_alloc_failure(3);          // the 3rd allocation from now fails
  *   ... call the library ...
  *   EXPECT_EQ(fake::sent(), bytes);      // everything the core sent
- *   EXPECT_TRUE(fake::logged("cmp_ldap_connect(): ipaddr illegal.\n"));
+ *   EXPECT_EQ(fake::log(), ...);         // every line whole (tests/unit/support.h)
  */
 #ifndef FAKE_PORT_H
 #define FAKE_PORT_H

@@ -43,7 +43,8 @@ static Bytes encode(uint32_t n, Write write)
     write(buf);
     Bytes out(buf, buf + n);
     free_block(buf);
-    EXPECT_TRUE(out[0] == 0x30 && walk(out.data(), n) == 1) << to_hex(out).substr(0, 150);
+    EXPECT_EQ(out[0], 0x30);
+    EXPECT_EQ(walk(out.data(), n), 1) << to_hex(out).substr(0, 150);
     return out;
 }
 
