@@ -14,7 +14,8 @@ PKGS=(
   clang clang-format libclang-rt-dev libgtest-dev libgmock-dev googletest libbenchmark-dev
   krb5-kdc krb5-admin-server krb5-user libsasl2-modules-gssapi-mit
   python3
-  # cross: the 32-bit ARM build and the emulator its tests run under
+  # cross: the 32-bit ARM build and the emulator its tests run under (the armhf OpenSSL,
+  # SASL and Kerberos come into a private sysroot through scripts/arm-sysroot.sh)
   g++-arm-linux-gnueabihf qemu-user
 )
 

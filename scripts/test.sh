@@ -6,8 +6,11 @@
 #      tests (POSIX port against real slapd servers started on loopback);
 #   4. builds with Clang under AddressSanitizer + UndefinedBehaviorSanitizer and
 #      runs every test again there, and replays the fuzz corpus;
-#   5. cross-builds the core and the unit tests for 32-bit ARM (the devices'
-#      target) and runs them under qemu-arm.
+#   5. builds with Clang under ThreadSanitizer and runs the unit and integration tests
+#      there, among them a stress test of many sessions at once;
+#   6. cross-builds the whole library (POSIX port, OpenSSL, SASL) for 32-bit ARM (the
+#      devices' target) from a private sysroot of Debian's armhf packages, and runs the
+#      unit and integration tests under qemu-arm against the servers on the host.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -28,11 +31,19 @@ cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs"
 
-echo "== 32-bit ARM (arm-linux-gnueabihf) under qemu-arm: unit tests"
-# Without an armhf sysroot there are no armhf Cyrus SASL and Kerberos headers: no SASL here.
-cmake -S . -B build-arm -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake -DTOVEISTROR_POSIX_PORT=OFF \
-  -DTOVEISTROR_SASL=OFF \
+echo "== Clang build with ThreadSanitizer: unit and integration tests, stress test"
+CC=clang CXX=clang++ cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DTOVEISTROR_TSAN=ON >/dev/null
+cmake --build build-tsan -j"$jobs"
+# The tools are single-threaded and their scripts run in every other stage.
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+  ctest --test-dir build-tsan --output-on-failure -j"$jobs" -E '^tool\.'
+
+echo "== 32-bit ARM (arm-linux-gnueabihf) under qemu-arm: the whole library, all tests"
+# Debian's armhf OpenSSL, Cyrus SASL and Kerberos in a private sysroot, made once.
+sysroot=$(bash scripts/arm-sysroot.sh)
+cmake -S . -B build-arm-full -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake -DTOVEISTROR_ARM_SYSROOT="$sysroot" \
   -DTOVEISTROR_GTEST_SOURCE=/usr/src/googletest >/dev/null
-cmake --build build-arm -j"$jobs"
-ctest --test-dir build-arm -L unit --output-on-failure -j"$jobs"
+cmake --build build-arm-full -j"$jobs"
+ctest --test-dir build-arm-full --output-on-failure -j"$jobs"
