@@ -11,39 +11,89 @@
 #   6. cross-builds the whole library (POSIX port, OpenSSL, SASL) for 32-bit ARM (the
 #      devices' target) from a private sysroot of Debian's armhf packages, and runs the
 #      unit and integration tests under qemu-arm against the servers on the host.
-set -euo pipefail
+set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 jobs=$(nproc 2>/dev/null || echo 2)
+all_stages=(gcc asan tsan arm)
+stages=("${@:-${all_stages[@]}}")
+for s in "${stages[@]}"; do
+  case " ${all_stages[*]} " in *" $s "*) ;; *) echo "test.sh: unknown stage '$s' (${all_stages[*]})" >&2; exit 2 ;; esac
+done
 
-bash scripts/deps.sh
-scripts/format.sh --check
+bash scripts/deps.sh || exit 1
+scripts/format.sh --check || exit 1
 
-echo "== GCC build: unit and integration tests"
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVEISTROR_BENCH=ON >/dev/null
-cmake --build build -j"$jobs"
-ctest --test-dir build --output-on-failure -j"$jobs"
+passed=0
+failed=0
+broken=()
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
 
-echo "== Clang build with AddressSanitizer and UndefinedBehaviorSanitizer: all tests, fuzz seeds"
-CC=clang CXX=clang++ cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug \
-  -DTOVEISTROR_SANITIZE=ON -DTOVEISTROR_FUZZ=ON >/dev/null
-cmake --build build-asan -j"$jobs"
-ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  ctest --test-dir build-asan --output-on-failure -j"$jobs"
+# Runs ctest with the given arguments and adds its counts to the totals.
+run_ctest() {
+  local rc=0
+  ctest --output-on-failure -j"$jobs" "$@" 2>&1 | tee "$log" || rc=1
+  local line total bad
+  line=$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -1)
+  if [ -n "$line" ]; then
+    bad=$(sed -E 's/.* ([0-9]+) tests? failed.*/\1/' <<<"$line")
+    total=$(sed -E 's/.*out of ([0-9]+).*/\1/' <<<"$line")
+    passed=$((passed + total - bad))
+    failed=$((failed + bad))
+  fi
+  return $rc
+}
 
-echo "== Clang build with ThreadSanitizer: unit and integration tests, stress test"
-CC=clang CXX=clang++ cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DTOVEISTROR_TSAN=ON >/dev/null
-cmake --build build-tsan -j"$jobs"
-# The tools are single-threaded and their scripts run in every other stage.
-TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-  ctest --test-dir build-tsan --output-on-failure -j"$jobs" -E '^tool\.'
+stage_gcc() {
+  echo "== GCC build: unit and integration tests"
+  cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOVEISTROR_BENCH=ON >/dev/null &&
+    cmake --build build -j"$jobs" &&
+    run_ctest --test-dir build
+}
 
-echo "== 32-bit ARM (arm-linux-gnueabihf) under qemu-arm: the whole library, all tests"
-# Debian's armhf OpenSSL, Cyrus SASL and Kerberos in a private sysroot, made once.
-sysroot=$(bash scripts/arm-sysroot.sh)
-cmake -S . -B build-arm-full -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake -DTOVEISTROR_ARM_SYSROOT="$sysroot" \
-  -DTOVEISTROR_GTEST_SOURCE=/usr/src/googletest >/dev/null
-cmake --build build-arm-full -j"$jobs"
-ctest --test-dir build-arm-full --output-on-failure -j"$jobs"
+stage_asan() {
+  echo "== Clang build with AddressSanitizer and UndefinedBehaviorSanitizer: all tests, fuzz seeds"
+  CC=clang CXX=clang++ cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+    -DTOVEISTROR_SANITIZE=ON -DTOVEISTROR_FUZZ=ON >/dev/null &&
+    cmake --build build-asan -j"$jobs" &&
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+      run_ctest --test-dir build-asan
+}
+
+stage_tsan() {
+  echo "== Clang build with ThreadSanitizer: unit and integration tests, stress test"
+  CC=clang CXX=clang++ cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DTOVEISTROR_TSAN=ON >/dev/null &&
+    cmake --build build-tsan -j"$jobs" &&
+    # The tools are single-threaded and their scripts run in every other stage.
+    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+      run_ctest --test-dir build-tsan -E '^tool\.'
+}
+
+stage_arm() {
+  echo "== 32-bit ARM (arm-linux-gnueabihf) under qemu-arm: the whole library, all tests"
+  # Debian's armhf OpenSSL, Cyrus SASL and Kerberos in a private sysroot, made once.
+  local sysroot
+  sysroot=$(bash scripts/arm-sysroot.sh) &&
+    cmake -S . -B build-arm-full -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+      -DCMAKE_TOOLCHAIN_FILE=cmake/arm-linux-gnueabihf.cmake -DTOVEISTROR_ARM_SYSROOT="$sysroot" \
+      -DTOVEISTROR_GTEST_SOURCE=/usr/src/googletest >/dev/null &&
+    cmake --build build-arm-full -j"$jobs" &&
+    run_ctest --test-dir build-arm-full
+}
+
+for s in "${stages[@]}"; do
+  start=$SECONDS
+  before=$failed
+  if ! "stage_$s"; then
+    broken+=("$s")
+    # A stage that failed before its tests ran (a build error) counts as one failure.
+    [ "$failed" -eq "$before" ] && failed=$((failed + 1))
+  fi
+  echo "== stage $s: $((SECONDS - start)) s"
+done
+
+[ ${#broken[@]} -gt 0 ] && echo "test.sh: stages with failures: ${broken[*]}"
+echo "total: $passed passed, $failed failed"
+[ ${#broken[@]} -eq 0 ]
