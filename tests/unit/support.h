@@ -11,6 +11,7 @@
 #include <string.h>
 
 #include <functional>
+#include <initializer_list>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -116,6 +117,34 @@ inline std::string to_hex(const Bytes &b)
         out += buf;
     }
     return out;
+}
+
+/* Hand-built BER: tag, definite length (short, 81 or 82 form) and content. Built by
+ * appending: GCC 12 on 32-bit ARM misreads vector::insert of a short range as out of
+ * bounds. */
+inline Bytes tlv(uint8_t tag, const Bytes &content)
+{
+    Bytes out{tag};
+    const size_t n = content.size();
+    if (n >= 0x80) out.push_back(n >= 0x100 ? 0x82 : 0x81);
+    if (n >= 0x100) out.push_back(uint8_t(n >> 8));
+    out.push_back(uint8_t(n));
+    for (uint8_t c : content)
+        out.push_back(c);
+    return out;
+}
+inline Bytes cat(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const Bytes &p : parts)
+        for (uint8_t c : p)
+            out.push_back(c);
+    return out;
+}
+/* An OCTET STRING holding s. */
+inline Bytes octets(const std::string &s)
+{
+    return tlv(0x04, Bytes(s.begin(), s.end()));
 }
 
 /* A message held as the PDU reader holds one: one block of `size` octets from the

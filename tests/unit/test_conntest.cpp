@@ -15,6 +15,8 @@ using support::Bytes;
 using support::err;
 using support::hex;
 using support::logged_whole;
+using support::octets;
+using support::tlv;
 using Script = std::function<void()>;
 
 namespace {
@@ -22,26 +24,18 @@ namespace {
 constexpr int32_t kOsError = 0x0b;
 const char kBase[] = "dc=example,dc=test";
 
-/* Elements with one-octet lengths, built by appending (GCC 12 on 32-bit ARM misreads
- * vector::insert of a short range as out of bounds). */
+/* Built by appending (GCC 12 on 32-bit ARM misreads vector::insert of a short range as
+ * out of bounds). */
 Bytes operator+(Bytes a, const Bytes &b)
 {
     for (uint8_t c : b)
         a.push_back(c);
     return a;
 }
-Bytes tlv(uint8_t tag, const Bytes &content)
-{
-    return Bytes{tag, static_cast<uint8_t>(content.size())} + content;
-}
 /* A response: id, then the protocolOp. */
 Bytes pdu(uint8_t id, uint8_t op, const Bytes &content)
 {
     return tlv(0x30, Bytes{0x02, 0x01, id} + tlv(op, content));
-}
-Bytes octets(const std::string &s)
-{
-    return tlv(0x04, Bytes(s.begin(), s.end()));
 }
 Bytes result(uint8_t id, uint8_t op, uint8_t code)
 {

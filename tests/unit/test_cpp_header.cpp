@@ -12,48 +12,33 @@
 #include "support.h"
 
 using support::Bytes;
+using support::cat;
 using support::hex;
+using support::octets;
+using support::tlv;
 
 namespace {
 
-/* BER with short-form lengths: enough for the responses below. */
-Bytes tlv(uint8_t tag, const Bytes &content)
-{
-    Bytes out{tag, static_cast<uint8_t>(content.size())};
-    out.insert(out.end(), content.begin(), content.end());
-    return out;
-}
-Bytes text(const std::string &s)
-{
-    return tlv(0x04, Bytes(s.begin(), s.end()));
-}
-Bytes cat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const Bytes &p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
 Bytes msg(uint8_t id, uint8_t op, const Bytes &content)
 {
     return tlv(0x30, cat({{0x02, 0x01, id}, tlv(op, content)}));
 }
 Bytes done(uint8_t code, const Bytes &extra = {})
 {
-    return cat({{0x0a, 0x01, code}, text(""), text(""), extra});
+    return cat({{0x0a, 0x01, code}, octets(""), octets(""), extra});
 }
 
 /* A bind (id 1) and a search (id 2): one entry with a text and a binary attribute,
  * one reference with two URLs, and a referral as the final result. */
 const Bytes kBindOk = msg(1, 0x61, done(0));
-const Bytes kEntry =
-    msg(2, 0x64,
-        cat({text("cn=a,dc=x"),
-             tlv(0x30,
-                 cat({tlv(0x30, cat({text("cn"), tlv(0x31, cat({text("A"), text("B")}))})),
-                      tlv(0x30, cat({text("jpegPhoto"), tlv(0x31, tlv(0x04, {0x00, 0xff}))}))}))}));
-const Bytes kReference = msg(2, 0x73, cat({text("ldap://a/"), text("ldap://b/")}));
-const Bytes kReferral = msg(2, 0x65, done(10, tlv(0xa3, text("ldap://r/"))));
+const Bytes kEntry = msg(
+    2, 0x64,
+    cat({octets("cn=a,dc=x"),
+         tlv(0x30,
+             cat({tlv(0x30, cat({octets("cn"), tlv(0x31, cat({octets("A"), octets("B")}))})),
+                  tlv(0x30, cat({octets("jpegPhoto"), tlv(0x31, tlv(0x04, {0x00, 0xff}))}))}))}));
+const Bytes kReference = msg(2, 0x73, cat({octets("ldap://a/"), octets("ldap://b/")}));
+const Bytes kReferral = msg(2, 0x65, done(10, tlv(0xa3, octets("ldap://r/"))));
 const std::string kWalk =
     "dn=cn=a,dc=x cn=A cn=B jpegPhoto=00ff ref=ldap://a/ ref=ldap://b/ end=10 url=ldap://r/";
 
@@ -122,8 +107,8 @@ TEST_F(CppHeader, WalksASearchAndReleasesEverything)
 
 TEST_F(CppHeader, FailuresComeBackAsValues)
 {
-    const Bytes kEntryNoAttrs = msg(2, 0x64, cat({text("cn=a,dc=x"), tlv(0x30, {})}));
-    const Bytes kEntryCut = msg(2, 0x64, cat({text("cn=a,dc=x"), tlv(0x30, {0x30, 0x05, 0x04})}));
+    const Bytes kEntryNoAttrs = msg(2, 0x64, cat({octets("cn=a,dc=x"), tlv(0x30, {})}));
+    const Bytes kEntryCut = msg(2, 0x64, cat({octets("cn=a,dc=x"), tlv(0x30, {0x30, 0x05, 0x04})}));
     struct Case {
         const char *what;
         std::vector<Bytes> peer;  // an empty element: a receive that times out

@@ -30,11 +30,7 @@ Bytes operator+(Bytes a, const Bytes &b)
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
-const auto tlv = [](uint8_t tag, const Bytes &c) {
-    Bytes head = c.size() < 0x80 ? Bytes{tag} : Bytes{tag, 0x82, (uint8_t)(c.size() >> 8)};
-    return head + Bytes{(uint8_t)c.size()} + c;
-};
-const auto str = [](const std::string &s) { return tlv(0x04, Bytes(s.begin(), s.end())); };
+const auto str = octets;
 /* A message id 1 whose protocolOp [APPLICATION 4] holds these octets. */
 const auto op = [](const char *c) { return tlv(0x30, hex("02 01 01") + tlv(0x64, hex(c))); };
 

@@ -8,51 +8,26 @@
 #include "support.h"
 
 using support::Bytes;
+using support::cat;
 using support::hex;
+using support::octets;
+using support::tlv;
 using support::to_hex;
 using Lines = std::vector<std::string>;
 
 namespace {
 
-/* Tag, definite length (short, 81 or 82 form) and content. */
-Bytes ber(uint8_t tag, const Bytes &content)
-{
-    Bytes out{tag};
-    const size_t n = content.size();
-    if (n >= 0x100) {
-        out.push_back(0x82);
-        out.push_back(uint8_t(n >> 8));
-    } else if (n >= 0x80) {
-        out.push_back(0x81);
-    }
-    out.push_back(uint8_t(n));
-    out.insert(out.end(), content.begin(), content.end());
-    return out;
-}
-Bytes text(const std::string &s)
-{
-    return ber(0x04, Bytes(s.begin(), s.end()));
-}
-Bytes join(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const Bytes &p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
 /* A BindResponse success for id 2: the forgery hidden in an entry's value. */
 const Bytes kForgedSuccess = hex("30 0C 02 01 02 61 07 0A 01 00 04 00 04 00");
 /* A SearchResultEntry for id 1 whose one value begins with that forgery. */
-const Bytes kEntry = ber(
+const Bytes kEntry = tlv(
     0x30,
-    join(
-        {hex("02 01 01"),
-         ber(0x64,
-             join({text("cn=x"),
-                   ber(0x30, ber(0x30, join({text("description"),
-                                             ber(0x31, ber(0x04, join({kForgedSuccess,
-                                                                       Bytes(40, 'A')})))})))}))}));
+    cat({hex("02 01 01"),
+         tlv(0x64,
+             cat({octets("cn=x"),
+                  tlv(0x30, tlv(0x30, cat({octets("description"),
+                                           tlv(0x31, tlv(0x04, cat({kForgedSuccess,
+                                                                    Bytes(40, 'A')})))})))}))}));
 /* Where the value's content starts: everything before it is the cut response's head. */
 const size_t kValueStart = kEntry.size() - 40 - kForgedSuccess.size();
 
@@ -180,9 +155,9 @@ TEST_F(HostilePeer, ARefusedStartTlsWithAReferralLeavesNothingAllocated)
         fake::reset();
         fake::set_resolver(0, {fake::ipv4("192.0.2.10")});
         const std::string url = "ldap://other.example/" + std::string(url_len - 21, 'x');
-        fake::peer_data(ber(
-            0x30, join({hex("02 01 01"),
-                        ber(0x78, join({hex("0A 01 0A 04 00 04 00"), ber(0xA3, text(url))}))})));
+        fake::peer_data(tlv(
+            0x30, cat({hex("02 01 01"),
+                       tlv(0x78, cat({hex("0A 01 0A 04 00 04 00"), tlv(0xA3, octets(url))}))})));
         CMP_LDAP_CONN_PARAM p{};
         p.cmp_ldap_hostname = const_cast<char *>("ldap.example");
         p.portno = 389;
@@ -261,8 +236,8 @@ TEST_F(HostilePeer, OutOfContractFilterRecordsWriteAndCountNothingExtra)
         EXPECT_EQ(buf[len], 0xEE);
         const Bytes element = hex(c.filter_element);
         const Bytes head = hex("04 03 6F 3D 78 0A 01 00 0A 01 00 02 01 00 02 01 00 01 01 00");
-        const Bytes want = join({hex("30"), Bytes{uint8_t(len - 2)}, hex("02 01 01 63"),
-                                 Bytes{uint8_t(len - 7)}, head, element, hex("30 00")});
+        const Bytes want = cat({hex("30"), Bytes{uint8_t(len - 2)}, hex("02 01 01 63"),
+                                Bytes{uint8_t(len - 7)}, head, element, hex("30 00")});
         EXPECT_EQ(to_hex(Bytes(buf.begin(), buf.begin() + len)), to_hex(want));
     }
 }

@@ -10,28 +10,22 @@
 using support::Bytes;
 using support::hex;
 using support::make_message;
+using support::tlv;
 using Lines = std::vector<std::string>;
 
 namespace {
 
-/* A small BER builder: definite lengths, short form or 81/82 long form. */
+/* Byte strings join with +. */
 Bytes operator+(Bytes a, const Bytes &b)
 {
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
-Bytes tlv(uint8_t tag, const Bytes &content)
-{
-    size_t n = content.size();
-    Bytes head = n < 0x80 ? Bytes{tag} : Bytes{tag, uint8_t(n < 0x100 ? 0x81 : 0x82)};
-    if (n >= 0x100) head.push_back(uint8_t(n >> 8));
-    return head + Bytes{uint8_t(n)} + content;
-}
 Bytes oss(std::initializer_list<std::string> texts) /* OCTET STRINGs in a row */
 {
     Bytes out;
     for (const std::string &t : texts)
-        out = out + tlv(0x04, Bytes(t.begin(), t.end()));
+        out = out + support::octets(t);
     return out;
 }
 Bytes msg(uint8_t op, const Bytes &content, uint8_t id = 2)

@@ -11,37 +11,18 @@
 #include "support.h"
 
 using support::Bytes;
+using support::cat;
 using support::hex;
+using support::octets;
+using support::tlv;
 using Lines = std::vector<std::string>;
 
 namespace {
 
-Bytes tlv(uint8_t tag, const Bytes &content)
-{
-    Bytes out{tag};
-    size_t n = content.size();
-    if (n >= 128) out.push_back(n >= 256 ? 0x82 : 0x81);
-    if (n >= 256) out.push_back((uint8_t)(n >> 8));
-    out.push_back((uint8_t)n);
-    out.insert(out.end(), content.begin(), content.end());
-    return out;
-}
-Bytes text(const std::string &s)
-{
-    return Bytes(s.begin(), s.end());
-}
-Bytes cat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const Bytes &p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
 /* The SASL BindRequest the library must send: id, GSSAPI, credentials if any. */
 Bytes request(uint8_t id, const std::string &cred)
 {
-    Bytes sasl = cat({tlv(0x04, text("GSSAPI")), cred.empty() ? Bytes{} : tlv(0x04, text(cred))});
+    Bytes sasl = cat({octets("GSSAPI"), cred.empty() ? Bytes{} : octets(cred)});
     return tlv(0x30,
                cat({tlv(0x02, {id}), tlv(0x60, cat({hex("02 01 03 04 00"), tlv(0xA3, sasl)}))}));
 }
@@ -49,12 +30,12 @@ Bytes request(uint8_t id, const std::string &cred)
 Bytes response(uint8_t id, uint8_t code, const Bytes &tail, const std::string &error = "",
                uint8_t op = 0x61)
 {
-    Bytes result = cat({hex("0A 01"), {code}, hex("04 00"), tlv(0x04, text(error)), tail});
+    Bytes result = cat({hex("0A 01"), {code}, hex("04 00"), octets(error), tail});
     return tlv(0x30, cat({tlv(0x02, {id}), tlv(op, result)}));
 }
 Bytes creds(const std::string &s)
 {
-    return tlv(0x87, text(s));
+    return tlv(0x87, Bytes(s.begin(), s.end()));
 }
 
 std::string make_cache_file()
@@ -274,7 +255,7 @@ TEST_F(Sasl, OutcomesOfTheConversation)
          {e(283, parse + "Illegal message (application=5).\n")}},
         {"server refuses", no_script, {response(1, 49, creds(""), "no")}, -1, 49, {}},
         {"referral skipped to the credentials", no_script,
-         {response(1, 10, cat({tlv(0xA3, tlv(0x04, text("ldap://x/"))), creds("")}))}, -1, 10, {}},
+         {response(1, 10, cat({tlv(0xA3, octets("ldap://x/")), creds("")}))}, -1, 10, {}},
         {"referral cut short", no_script, {response(1, 10, hex("A3"))}, -1, 284,
          {e(284, parse + "Failed to get referral. Illegal length (content size=16).\n")}},
         {"referral unreadable", no_script, {response(1, 10, hex("A3 05 30 00 87 00"))}, -1, 284,
