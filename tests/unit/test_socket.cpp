@@ -95,7 +95,7 @@ TEST_F(Socket, ConnectFailures)
         {{{AF_UNIX, {1}}, none, short6}, 0, 0, {}, 277, -1, "ipaddr illegal."},
         {{v4a, v4b}, 0, 0, {-2, -9}, 279, -9, "Connection failed (rc=-9,len=16)"},
         {{v4a, v4b}, 0, 0, {-9, -2}, 260, -2, "Connection failed (rc=-2,len=16)"},
-        {{v4a, v4b}, -7, 0, {}, 278, -7, "Failed to create socket endpoint (rc=-7,ai_family=2)."},
+        {{v4a, v4b}, -6, 0, {}, 278, -6, "Failed to create socket endpoint (rc=-6,ai_family=2)."},
         {{ll, v4a, ll}, 0, -5, {1}, 80, -5, "cmp_netsock_set_scope error (rc=-5)."},
     };
     for (const auto &[entries, socket, scope, connects, result, rc, last] : cases) {
@@ -193,6 +193,17 @@ TEST_F(Socket, ReadWholePdusInOneChunkOrByteByByte)
             EXPECT_EQ(fake::closed_sockets(), std::vector<int32_t>(cut ? 1 : 0, 9));
             EXPECT_EQ(ld.ld_ssl_conn == nullptr, cut || ev <= 0);
             if (ld.ld_ssl_conn != nullptr) cmp_ldap_tls_end(&ld);
+            if (cut) { /* later transfers fail at once, each in its own name */
+                fake::clear_log();
+                unsigned char octet = 0;
+                CMP_LDAP_SEND_BUF one{&octet, 1};
+                EXPECT_EQ(cmp_ldap_recv_data(&ld, &octet, 1, 5), -1);
+                EXPECT_EQ(cmp_ldap_send_berdata(&ld, &one), -1);
+                EXPECT_EQ(ld.ld_errno, CMP_LDAP_SERVER_DOWN);
+                const std::string dropped = "(): connection was dropped after a cut response.\n";
+                EXPECT_EQ(fake::log(), (Log{support::err(256, "cmp_ldap_recv_data" + dropped),
+                                            support::err(256, "cmp_ldap_send_data" + dropped)}));
+            }
             if (msg == nullptr) continue;
             ASSERT_EQ(msg->cmp_ldap_total_size, (int32_t)length);
             EXPECT_EQ(memcmp(cmp_ldap_pdu(msg), hex(peer).data(), length), 0);
@@ -208,6 +219,14 @@ TEST_F(Socket, ReadWholePdusInOneChunkOrByteByByte)
     EXPECT_EQ(ld.ld_errno, 2);
     EXPECT_EQ(read(), 0);
     free_block(msg);
+    for (bool tls : {false, true}) { /* one receive gives -1 on a time-out, on either path */
+        fresh(tls);
+        fake::peer_timeout();
+        unsigned char octet = 0;
+        EXPECT_EQ(cmp_ldap_recv_data(&ld, &octet, 1, 5), -1);
+        EXPECT_EQ(ld.ld_errno, CMP_LDAP_TIMEOUT);
+        cmp_ldap_tls_end(&ld);
+    }
 }
 
 TEST_F(Socket, SendsWholeOrFails)
@@ -221,6 +240,8 @@ TEST_F(Socket, SendsWholeOrFails)
         {true, 7, 0, 7, kSame, {}},
         {false, 3, 0, -1, 256, {}}, /* a short write is not resumed */
         {true, 3, 0, -1, 256, {}},
+        {false, 0, 0, -1, 256, {}}, /* nothing taken: a short write too */
+        {true, 0, 0, -1, 256, {}},
         {true, -2, 0, -2, kSame, {}}, /* a TLS negative count goes back as is; deliberate */
         {false, -2, 0, -1, 260, {err(-2, plain + "[-2]\n")}},
         {false, -5, 0, -1, 256, {err(-5, plain + "[-5]\n")}},
