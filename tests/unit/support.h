@@ -141,6 +141,13 @@ inline Bytes cat(std::initializer_list<Bytes> parts)
             out.push_back(c);
     return out;
 }
+/* Byte strings join with +. */
+inline Bytes operator+(Bytes a, const Bytes &b)
+{
+    for (uint8_t c : b)
+        a.push_back(c);
+    return a;
+}
 /* An OCTET STRING holding s. */
 inline Bytes octets(const std::string &s)
 {

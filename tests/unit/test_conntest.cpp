@@ -16,6 +16,7 @@ using support::err;
 using support::hex;
 using support::logged_whole;
 using support::octets;
+using support::operator+;
 using support::tlv;
 using Script = std::function<void()>;
 
@@ -24,14 +25,6 @@ namespace {
 constexpr int32_t kOsError = 0x0b;
 const char kBase[] = "dc=example,dc=test";
 
-/* Built by appending (GCC 12 on 32-bit ARM misreads vector::insert of a short range as
- * out of bounds). */
-Bytes operator+(Bytes a, const Bytes &b)
-{
-    for (uint8_t c : b)
-        a.push_back(c);
-    return a;
-}
 /* A response: id, then the protocolOp. */
 Bytes pdu(uint8_t id, uint8_t op, const Bytes &content)
 {

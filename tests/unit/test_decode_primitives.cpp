@@ -25,12 +25,6 @@ struct Msg {
     operator M() const { return m; }
 };
 
-Bytes operator+(Bytes a, const Bytes &b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-const auto str = octets;
 /* A message id 1 whose protocolOp [APPLICATION 4] holds these octets. */
 const auto op = [](const char *c) { return tlv(0x30, hex("02 01 01") + tlv(0x64, hex(c))); };
 
@@ -43,7 +37,7 @@ const Bytes kEntry =
         " 30 0F 04 04 6D 61 69 6C 31 07 04 05 62 6F 62 40 78");
 const Bytes kDone = hex("30 11 02 01 03 65 0C 0A 01 20 04 03 6F 3D 78 04 02 6E 6F"); /* "o=x" */
 const Bytes kReference = /* id 4: two URLs */
-    tlv(0x30, hex("02 01 04") + tlv(0x73, str("ldap://a.example/o=x") + str("ldap://b/o=x")));
+    tlv(0x30, hex("02 01 04") + tlv(0x73, octets("ldap://a.example/o=x") + octets("ldap://b/o=x")));
 
 /* One expected log line: "cmp_ldap_ber_" fn "(): " text ".\n", the text with up to two numbers. */
 std::string ln(const char *fn, const char *fmt, long a = 0, long b = 0)
@@ -135,7 +129,7 @@ TEST_F(Decode, Strings)
     }
     char buf[CMP_LDAP_TEXT_SIZE], *s = buf; /* the size counts the NUL */
     CMP_LDAP_BERVAL *bv = reinterpret_cast<CMP_LDAP_BERVAL *>(buf);
-    Msg fits(str(std::string(384, 'x'))), over(str(std::string(385, 'x')));
+    Msg fits(octets(std::string(384, 'x'))), over(octets(std::string(385, 'x')));
     EXPECT_EQ(cmp_ldap_ber_decode_string_to(fits, 0, buf, sizeof buf), 388u);
     EXPECT_EQ(cmp_ldap_ber_decode_string_to(over, 0, buf, sizeof buf), kFail);
     fake::arm_alloc_failure(1, true); /* every allocation fails from here */
@@ -219,8 +213,8 @@ TEST_F(Decode, Lookup)
     const std::string types[] = {"cn;binary", "cname", "", "Cn", std::string(385, 't'), "mail"};
     Bytes attrs; /* attribute i holds the value "i" */
     for (int i = 0; i < 6; ++i)
-        attrs = attrs + tlv(0x30, str(types[i]) + tlv(0x31, str(std::to_string(i))));
-    const Bytes odd = tlv(0x30, hex("02 01 07") + tlv(0x64, str("o=x") + tlv(0x30, attrs)));
+        attrs = attrs + tlv(0x30, octets(types[i]) + tlv(0x31, octets(std::to_string(i))));
+    const Bytes odd = tlv(0x30, hex("02 01 07") + tlv(0x64, octets("o=x") + tlv(0x30, attrs)));
     const Table<Bytes, const char *, const char *, std::string> rows = {
         {kEntry, "CN", "Bob", ""},
         {kEntry, "absent", "-1",

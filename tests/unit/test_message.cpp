@@ -10,17 +10,12 @@
 using support::Bytes;
 using support::hex;
 using support::make_message;
+using support::operator+;
 using support::tlv;
 using Lines = std::vector<std::string>;
 
 namespace {
 
-/* Byte strings join with +. */
-Bytes operator+(Bytes a, const Bytes &b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
 Bytes oss(std::initializer_list<std::string> texts) /* OCTET STRINGs in a row */
 {
     Bytes out;
