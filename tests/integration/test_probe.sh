@@ -25,10 +25,8 @@ bash "$fixtures/slapd.sh" start "$work/srv" --owner $$ --shared "$state/shared" 
 . "$work/srv/env"
 export TOVEISTROR_CA_FILE=$CA_FILE
 unset LDAPTLS_REQCERT LDAPTLS_CACERT TOVEISTROR_LDAP_PROTOCOL TOVEISTROR_CA_DIR KRB5CCNAME
-fail() {
-  failures=$((failures + 1))
-  echo "FAIL: $*"
-}
+# shellcheck source=checks.sh
+. "$(dirname "${BASH_SOURCE[0]}")/checks.sh"
 
 # check NAME STATUS LINE ARGS...: the exit status and the whole output, in both forms.
 check() {

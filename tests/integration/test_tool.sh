@@ -20,10 +20,8 @@ NOTLS_URI=$(sed -n "s/^LDAP_URI='\(.*\)'$/\1/p" "$work/notls/env")
 export TOVEISTROR_CA_FILE=$CA_FILE LDAPTLS_CACERT=$CA_FILE
 unset LDAPTLS_REQCERT TOVEISTROR_LDAP_PROTOCOL TOVEISTROR_CA_DIR
 people="ou=people,$BASE_DN"
-fail() {
-  failures=$((failures + 1))
-  echo "FAIL: $*"
-}
+# shellcheck source=checks.sh
+. "$(dirname "${BASH_SOURCE[0]}")/checks.sh"
 
 # same NAME URI_FOR_TOOL TOOL_OPTION ARGS...: TOOL_OPTION ("" for none) goes to the tool only.
 same() {
@@ -37,16 +35,6 @@ same() {
   [ "$rc_got" = "$rc_want" ] || fail "$name: exit $rc_got, ldapsearch $rc_want: $(cat "$work/err")"
   [ "$got" = "$want" ] || fail "$name: LDIF differs: $(diff <(echo "$want") <(echo "$got") | head)"
   [ -n "$want" ] || [ "$rc_want" != 0 ] || fail "$name: vacuous (no output)"
-}
-
-# expect NAME STATUS PATTERN TOOL_ARGS...: the exit status, and a line matching PATTERN.
-expect() {
-  local name=$1 status=$2 pattern=$3 out rc
-  shift 3
-  out=$("$tool" "$@" 2>&1)
-  rc=$?
-  [ "$rc" = "$status" ] || fail "$name: exit $rc, expected $status: $out"
-  grep -qE -- "$pattern" <<<"$out" || fail "$name: nothing matches '$pattern' in: $out"
 }
 
 # A scripted peer on a loopback address (python3), in the background:

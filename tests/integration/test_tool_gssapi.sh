@@ -22,10 +22,8 @@ KRB5CCNAME=$(sed -n "s/^CCACHE='\(.*\)'\$/\1/p" "$work/kdc/env")
 export KRB5_CONFIG KRB5CCNAME TOVEISTROR_CA_FILE=$CA_FILE LDAPTLS_CACERT=$CA_FILE
 unset LDAPTLS_REQCERT TOVEISTROR_LDAP_PROTOCOL TOVEISTROR_CA_DIR
 people="ou=people,$BASE_DN"
-fail() {
-  failures=$((failures + 1))
-  echo "FAIL: $*"
-}
+# shellcheck source=checks.sh
+. "$(dirname "${BASH_SOURCE[0]}")/checks.sh"
 
 # same NAME URI_AND_TLS_OPTIONS ARGS...: the first argument goes to both as it stands (split).
 same() {
@@ -51,15 +49,6 @@ same "alice's own entry" "-H $LDAP_URI" -b "uid=alice,$people" -s base
 same "big one level" "-H $LDAP_URI" -b "ou=big,$BASE_DN" -s one "(cn=user1*)" cn mail
 same "no such object" "-H $LDAP_URI" -b "ou=nowhere,$BASE_DN"
 
-# expect NAME STATUS PATTERN TOOL_ARGS...: the exit status, and a line matching PATTERN.
-expect() {
-  local name=$1 status=$2 pattern=$3 out rc
-  shift 3
-  out=$("$tool" "$@" 2>&1)
-  rc=$?
-  [ "$rc" = "$status" ] || fail "$name: exit $rc, expected $status: $out"
-  grep -qE -- "$pattern" <<<"$out" || fail "$name: nothing matches '$pattern' in: $out"
-}
 bash "$fixtures/kdc.sh" kinit "$work/kdc" "$work/other" alice@OTHER.TEST || fail "kinit"
 KRB5CCNAME=FILE:$work/missing expect missing-cache 1 'No Kerberos credential cache \(282\)' \
   -Y GSSAPI -H "$LDAP_URI"
