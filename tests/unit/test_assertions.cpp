@@ -41,6 +41,7 @@ TEST(AssertionDeathTest, NameSourceFunctionAndCondition)
     uint32_t u = 0;
     char buf[8], *text = nullptr;
     CMP_LDAP_BERVAL *bv = nullptr;
+    int32_t msgid = 0;
     CMP_LDAP_MESSAGE *msg = support::make_message(support::hex("30 03 02 01 01"));
     const Row rows[] = {
         {[&] { cmp_ldap_open_with_timeout(nullptr, &out); }, kApi,
@@ -97,6 +98,12 @@ TEST(AssertionDeathTest, NameSourceFunctionAndCondition)
          "cmp_ldap_ber_lookup_attribute_on_search_entry", kMesFirst},
         {[&] { cmp_ldap_ber_lookup_attribute_on_search_entry(msg, nullptr); }, kDecode,
          "cmp_ldap_ber_lookup_attribute_on_search_entry", "((void *)0) != attr"},
+#if TOVEISTROR_TEST_SASL
+        {[&] { cmp_ldap_sasl_bind_s(nullptr, "GSSAPI", nullptr, nullptr, &msgid); },
+         "cmp_ldap/cmn_src/cmp_ldap_sasl", "cmp_ldap_sasl_bind_s", "((void *)0) != ld"},
+        {[&] { cmp_ldap_sasl_bind_s(&ld, "GSSAPI", nullptr, nullptr, nullptr); },
+         "cmp_ldap/cmn_src/cmp_ldap_sasl", "cmp_ldap_sasl_bind_s", "((void *)0) != msgid"},
+#endif
     };
     for (const Row &r : rows)
         EXPECT_DEATH(r.call(), failure(r)) << r.function << ": " << r.text;
