@@ -72,6 +72,7 @@ TEST_F(Decode, TagsAndLengths)
         {"04 84 12 34 56 78", 0, 4, 0x12345678, 5, 6, ""}, /* the decoders check the size */
         {"04 85", 0, 4, kFail, 6, 7, ln("get_content_length", "Length > 32bits.fieldLen=0x05")},
         {"04 84 00 00", 0, 4, kFail, 5, 6, cl_at(5, 4)}, /* length octets cut off */
+        {"04 81 90", 0, 4, 0x90, 2, 3, ""},
     };
     for (const auto &[pdu, pos, tag, clen, llen, content, log] : rows) {
         SCOPED_TRACE(std::string(pdu) + " at " + std::to_string(pos));
@@ -194,6 +195,8 @@ TEST_F(Decode, NextAndCount)
         {hex("30 10 02 01 01"), 0, 18, -1, at_end(5, 5) + no_step},
         {op("04 01 61 04 84 FF FF FF F0 00 00"), 10, -1, -1, next_err(5, -16)}, /* 10+6+it: 2^32 */
         {hex("31 84 7F FF FF F0 04 01 61"), 0, 0x7FFFFFF6, -1, at_end(9, 9) + no_step},
+        {hex("31 84 7F FF FF F9 04 01 61"), 0, INT32_MAX, -1, at_end(9, 9) + no_step},
+        {hex("31 84 7F FF FF FA 04 01 61"), 0, -1, -1, next_err(5, 0x7FFFFFFA)}, /* 2^31 */
     };
     for (const auto &[pdu, pos, next, count, log] : rows) {
         SCOPED_TRACE(support::to_hex(pdu) + " at " + std::to_string(pos));
@@ -210,9 +213,10 @@ TEST_F(Decode, Lookup)
 {
     auto list = [](const char *text) { return ln("get_attr_pos_of_search_entry", text); };
     auto look = [](const char *text) { return ln("lookup_attribute_on_search_entry", text); };
-    const std::string types[] = {"cn;binary", "cname", "", "Cn", std::string(385, 't'), "mail"};
+    const std::string types[] = {"zZ", "cn;binary",           "cname", "",
+                                 "Cn", std::string(385, 't'), "mail"};
     Bytes attrs; /* attribute i holds the value "i" */
-    for (int i = 0; i < 6; ++i)
+    for (int i = 0; i < 7; ++i)
         attrs = attrs + tlv(0x30, octets(types[i]) + tlv(0x31, octets(std::to_string(i))));
     const Bytes odd = tlv(0x30, hex("02 01 07") + tlv(0x64, octets("o=x") + tlv(0x30, attrs)));
     const Table<Bytes, const char *, const char *, std::string> rows = {
@@ -220,11 +224,17 @@ TEST_F(Decode, Lookup)
         {kEntry, "absent", "-1",
          ll_at(89, 89) + kNoContent +
              ln("decode_attr_name_of_attribute", "Failed to get first attributes")},
-        {odd, "cn", "3", ""}, /* neither cn;binary nor cname */
-        {odd, "", "2", ""},
+        {odd, "cn", "4", ""}, /* neither cn;binary nor cname */
+        {odd, "", "3", ""},
+        {odd, "Zz", "0", ""}, /* z folds too */
         {odd, "mail", "-1",
          ln("decode_string_to", "String excess max length (contentLen=385,max=385)")},
         {kDone, "cn", "-1", list("It's not LDAP_RES_SEARCH_ENTRY (application=5)")},
+        {hex("04 00"), "a", "-1",
+         ln("decode_ldap_message", "First element is not SEQUENCE ? (tag.type = %ld)", 4)},
+        /* the scan ends once a type reaches the list's end or the message's */
+        {op("04 00 30 05 30 03 04 01 61 04 00"), "b", "-1", ""},
+        {op("04 00 30 07 30 03 04 01 61"), "b", "-1", ""},
         {hex("30 04 02 01 01 64"), "a", "-1",
          ll_at(5, 6) + kNoContent + list("Failed to retrieve [APPLICATION 4] conten")},
         {op("02 00"), "a", "-1", list("Unexpected data type (tag.type = 2)")},
