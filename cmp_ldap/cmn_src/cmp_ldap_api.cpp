@@ -333,41 +333,37 @@ int cmp_ldap_unbind(CMP_LDAP *ld)
         return CMP_LDAP_PARAM_ERROR;
     }
 
-    if (ld->ld_sockfd == CMP_LDAP_DROPPED_SOCKET) {
-        /* The connection is already down after a cut response: nothing to send or
-         * close, and the session still ends cleanly. */
-        cmp_ldap_free_text(&ld->ld_error);
-        cmp_ldap_free_text(&ld->ld_matched);
-        cmp_ldap_free(ld);
-        return 0;
-    }
-
-    int32_t n = cmp_ldap_get_new_message_id(ld);
-    /* Fixed width: an id up to 255 takes one octet even when its top bit is set
-     * (and 32768 up two octets), deliberately, as in abandon. */
-    uint32_t len = n <= kOneOctetId ? 7u : 8u;
-    auto *buf = static_cast<unsigned char *>(cmp_ldap_malloc(kName, len));
-    if (buf == nullptr) {
-        /* Nothing is closed: the handle stays open and the caller's. */
-        ld->ld_errno = CMP_LDAP_NO_MEMORY;
-        (void)cmp_ldap_gentrace_ld(kName, ld);
-        return CMP_LDAP_NO_MEMORY;
-    }
-    uint32_t i = cmp_ldap_put_id(buf, 2, 0x02, n, n > kOneOctetId);
-    buf[i++] = 0x42; /* [APPLICATION 2], primitive, empty */
-    buf[i++] = 0x00;
-    buf[0] = 0x30;
-    buf[1] = (unsigned char)(i - 2);
-
+    /* After a cut response the connection is already down: there is nothing to
+     * send or close, and the session still ends cleanly. */
+    const bool dropped = ld->ld_sockfd == CMP_LDAP_DROPPED_SOCKET;
     int result = 0;
-    if (cmp_ldap_send_request(ld, buf, len) != 0) {
-        (void)cmp_ldap_gentrace_ld(kName, ld);
-        result = ld->ld_errno;
+    unsigned char *buf = nullptr;
+    if (!dropped) {
+        int32_t n = cmp_ldap_get_new_message_id(ld);
+        /* Fixed width: an id up to 255 takes one octet even when its top bit is set
+         * (and 32768 up two octets), deliberately, as in abandon. */
+        uint32_t len = n <= kOneOctetId ? 7u : 8u;
+        buf = static_cast<unsigned char *>(cmp_ldap_malloc(kName, len));
+        if (buf == nullptr) {
+            /* Nothing is closed: the handle stays open and the caller's. */
+            ld->ld_errno = CMP_LDAP_NO_MEMORY;
+            (void)cmp_ldap_gentrace_ld(kName, ld);
+            return CMP_LDAP_NO_MEMORY;
+        }
+        uint32_t i = cmp_ldap_put_id(buf, 2, 0x02, n, n > kOneOctetId);
+        buf[i++] = 0x42; /* [APPLICATION 2], primitive, empty */
+        buf[i++] = 0x00;
+        buf[0] = 0x30;
+        buf[1] = (unsigned char)(i - 2);
+        if (cmp_ldap_send_request(ld, buf, len) != 0) {
+            (void)cmp_ldap_gentrace_ld(kName, ld);
+            result = ld->ld_errno;
+        }
     }
 
     /* The session ends whatever the send did. */
     if (ld->ld_ssl_conn != nullptr) (void)cmp_ldap_tls_end(ld);
-    (void)cmp_ldap_close_socket(ld->ld_sockfd);
+    if (!dropped) (void)cmp_ldap_close_socket(ld->ld_sockfd);
     cmp_ldap_free_text(&ld->ld_error);
     cmp_ldap_free_text(&ld->ld_matched);
     cmp_ldap_free(ld);

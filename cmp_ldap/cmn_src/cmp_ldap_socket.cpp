@@ -237,8 +237,9 @@ bool cmp_ldap_connection_dropped(CMP_LDAP *ld, const char *name)
 
 void cmp_ldap_drop_connection(CMP_LDAP *ld)
 {
-    if (ld->ld_ssl_conn != nullptr || ld->ld_ssl_ctx != nullptr) (void)cmp_ldap_tls_end(ld);
-    if (ld->ld_sockfd != CMP_LDAP_DROPPED_SOCKET) (void)cmp_ldap_close_socket(ld->ld_sockfd);
+    /* Only a read that got past the first octet gets here, so the socket is still open. */
+    (void)cmp_ldap_tls_end(ld);
+    (void)cmp_ldap_close_socket(ld->ld_sockfd);
     ld->ld_sockfd = CMP_LDAP_DROPPED_SOCKET;
 }
 
