@@ -7,6 +7,9 @@
  * request refused by its checks consumes no id; any later failure does.
  */
 #include "cmp_ldap_internal.h"
+#if CMP_LDAP_WITH_SASL
+#include "cmp_ldap_sasl_internal.h"
+#endif
 
 namespace {
 
@@ -366,6 +369,10 @@ int cmp_ldap_unbind(CMP_LDAP *ld)
     if (!dropped) (void)cmp_ldap_close_socket(ld->ld_sockfd);
     cmp_ldap_free_text(&ld->ld_error);
     cmp_ldap_free_text(&ld->ld_matched);
+#if CMP_LDAP_WITH_SASL
+    /* A security layer lives with the session, so it ends here. */
+    cmp_ldap_sasl_layer_free(ld);
+#endif
     cmp_ldap_free(ld);
     cmp_ldap_free(buf);
     return result;

@@ -25,9 +25,11 @@ constexpr char kMechanism[] = "GSSAPI";
 constexpr uint32_t kMajorMinor = 0x0201u;
 constexpr uint32_t kNewestRefusedStep = 22u;
 
-/* No security layer: after the bind the session's traffic stays as it is. */
+/* No security layer unless the caller opts in (cmp_ldap_set_sasl_ssf): after the
+ * bind the session's traffic stays as it is. The buffer size is also the longest
+ * wrapped buffer the layer's reader takes. */
 constexpr sasl_ssf_t kMaxSsf = 0;
-constexpr unsigned kMaxBufSize = 65536;
+constexpr unsigned kMaxBufSize = CMP_LDAP_SASL_LAYER_MAXBUF;
 constexpr unsigned kSecurityFlags = SASL_SEC_NOPLAINTEXT | SASL_SEC_NOANONYMOUS;
 
 /* The SASL library asks for everything through interactions: no procedures. */
@@ -180,7 +182,137 @@ CMP_LDAP_SASL_CRED *cmp_ldap_sasl_cred(CMP_LDAP *ld, const char *out, unsigned o
     return cred;
 }
 
+/* Failures of the layer itself: only a lack of memory has a code of its own. */
+int32_t cmp_ldap_sasl_layer_code(int saslrc)
+{
+    return saslrc == SASL_NOMEM ? CMP_LDAP_NO_MEMORY : CMP_LDAP_SASL_ERROR;
+}
+
+/* One unsigned property of the layer's connection; false when it has none. */
+bool cmp_ldap_sasl_layer_prop(sasl_conn_t *conn, int propnum, unsigned *value)
+{
+    const void *p = nullptr;
+    if (sasl_getprop(conn, propnum, &p) != SASL_OK || p == nullptr) return false;
+    *value = *static_cast<const unsigned *>(p);
+    return true;
+}
+
 }  // namespace
+
+int cmp_ldap_set_sasl_ssf(CMP_LDAP *ld, uint32_t min_ssf, uint32_t max_ssf)
+{
+    static const char kName[] = "cmp_ldap_set_sasl_ssf";
+    if (ld == nullptr || min_ssf > max_ssf) {
+        CMP_LDAP_LOG(CMP_LDAP_PARAM_ERROR, "%s(): parameter error (ld=%p,min_ssf=%u,max_ssf=%u).\n",
+                     kName, (void *)ld, (unsigned)min_ssf, (unsigned)max_ssf);
+        if (ld != nullptr) ld->ld_errno = CMP_LDAP_PARAM_ERROR;
+        return CMP_LDAP_PARAM_ERROR;
+    }
+    CMP_LDAP_SASL_LAYER *layer = cmp_ldap_sasl_layer(ld);
+    if (layer == nullptr) {
+        /* The default needs no record: a handle that never opts in stays as it was. */
+        if (max_ssf == 0) return 0;
+        layer = static_cast<CMP_LDAP_SASL_LAYER *>(cmp_ldap_malloc(kName, sizeof *layer));
+        if (layer == nullptr) {
+            ld->ld_errno = CMP_LDAP_NO_MEMORY;
+            return CMP_LDAP_NO_MEMORY;
+        }
+        memset(layer, 0, sizeof *layer);
+        ld->ld_sasl_layer = layer;
+    }
+    layer->min_ssf = min_ssf;
+    layer->max_ssf = max_ssf;
+    return 0;
+}
+
+bool cmp_ldap_sasl_layer_install(CMP_LDAP *ld)
+{
+    static const char kName[] = "cmp_ldap_sasl_layer_install";
+    CMP_LDAP_SASL_LAYER *layer = cmp_ldap_sasl_layer(ld);
+    auto *conn = static_cast<sasl_conn_t *>(ld->cmp_ldap_ld_sasl_authctx);
+    if (layer == nullptr || conn == nullptr) return true;
+    unsigned ssf = 0;
+    unsigned maxout = 0;
+    if (!cmp_ldap_sasl_layer_prop(conn, SASL_SSF, &ssf)) ssf = 0;
+    /* No layer negotiated: one already in force stays so, as RFC 4422 has it. */
+    if (ssf == 0) return true;
+    int32_t code = CMP_LDAP_SASL_ERROR;
+    if (!cmp_ldap_sasl_layer_prop(conn, SASL_MAXOUTBUF, &maxout) || maxout == 0) {
+        CMP_LDAP_LOG(code, "%s(): no maximum output buffer (ssf=%u).\n", kName, ssf);
+    } else if (layer->wrapped == nullptr &&
+               (layer->wrapped = static_cast<unsigned char *>(cmp_ldap_malloc(
+                    kName, CMP_LDAP_SASL_LAYER_PREFIX + CMP_LDAP_SASL_LAYER_MAXBUF))) == nullptr) {
+        code = CMP_LDAP_NO_MEMORY;
+    } else {
+        if (layer->conn != nullptr) {
+            auto *old = static_cast<sasl_conn_t *>(layer->conn);
+            sasl_dispose(&old);
+        }
+        layer->conn = conn;
+        layer->maxout = maxout;
+        layer->plain = nullptr;
+        layer->plain_len = 0;
+        ld->cmp_ldap_ld_sasl_authctx = nullptr;
+        CMP_LDAP_TRACE("%s(): ssf=%u,maxout=%u\n", kName, ssf, maxout);
+        return true;
+    }
+    /* The server wraps from now on and we cannot: nothing more can be read. */
+    ld->ld_errno = code;
+    cmp_ldap_drop_connection(ld);
+    return false;
+}
+
+int cmp_ldap_sasl_layer_encode(CMP_LDAP *ld, const unsigned char *in, uint32_t len,
+                               const unsigned char **out, uint32_t *outlen)
+{
+    static const char kName[] = "cmp_ldap_sasl_layer_encode";
+    auto *conn = static_cast<sasl_conn_t *>(cmp_ldap_sasl_layer(ld)->conn);
+    const char *o = nullptr;
+    unsigned olen = 0;
+    int saslrc = sasl_encode(conn, reinterpret_cast<const char *>(in), len, &o, &olen);
+    if (saslrc != SASL_OK || o == nullptr) {
+        int32_t code = cmp_ldap_sasl_layer_code(saslrc);
+        CMP_LDAP_LOG(code, "%s(): sasl_encode() error.saslrc=%d,errdetail=%s.\n", kName, saslrc,
+                     sasl_errdetail(conn));
+        return code;
+    }
+    *out = reinterpret_cast<const unsigned char *>(o);
+    *outlen = olen;
+    return 0;
+}
+
+int cmp_ldap_sasl_layer_decode(CMP_LDAP *ld, const unsigned char *in, uint32_t len)
+{
+    static const char kName[] = "cmp_ldap_sasl_layer_decode";
+    CMP_LDAP_SASL_LAYER *layer = cmp_ldap_sasl_layer(ld);
+    auto *conn = static_cast<sasl_conn_t *>(layer->conn);
+    const char *o = nullptr;
+    unsigned olen = 0;
+    int saslrc = sasl_decode(conn, reinterpret_cast<const char *>(in), len, &o, &olen);
+    if (saslrc != SASL_OK) {
+        int32_t code = cmp_ldap_sasl_layer_code(saslrc);
+        CMP_LDAP_LOG(code, "%s(): sasl_decode() error.saslrc=%d,errdetail=%s.\n", kName, saslrc,
+                     sasl_errdetail(conn));
+        return code;
+    }
+    /* The octets stay the SASL library's until the next sasl_decode. */
+    layer->plain = olen != 0 ? reinterpret_cast<const unsigned char *>(o) : nullptr;
+    layer->plain_len = layer->plain != nullptr ? olen : 0u;
+    return 0;
+}
+
+void cmp_ldap_sasl_layer_free(CMP_LDAP *ld)
+{
+    CMP_LDAP_SASL_LAYER *layer = cmp_ldap_sasl_layer(ld);
+    if (layer == nullptr) return;
+    if (layer->conn != nullptr) {
+        auto *conn = static_cast<sasl_conn_t *>(layer->conn);
+        sasl_dispose(&conn);
+    }
+    cmp_ldap_free(layer->wrapped);
+    cmp_ldap_free(layer);
+    ld->ld_sasl_layer = nullptr;
+}
 
 int cmp_ldap_int_sasl_secprops(sasl_security_properties_t *secprops)
 {

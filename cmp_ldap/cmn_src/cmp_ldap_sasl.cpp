@@ -337,9 +337,10 @@ void cmp_ldap_sasl_bind_task_main(void *ld, void *secprops, void *userid, void *
     auto *msgid = static_cast<int32_t *>(msgidp);
     if (cmp_ldap_int_sasl_bind(session, static_cast<const sasl_security_properties_t *>(secprops),
                                static_cast<const char *>(userid), static_cast<const char *>(domain),
-                               static_cast<const char *>(ccname), msgid) != 0)
+                               static_cast<const char *>(ccname), msgid) != 0 ||
+        !cmp_ldap_sasl_layer_install(session))
         *msgid = -1;
-    /* No SASL context outlives the bind, whatever its outcome. */
+    /* No SASL context outlives the bind but the security layer it put in force. */
     cmp_ldap_int_sasl_close(session);
     zelOSWExitTask(0);
 }
@@ -361,6 +362,11 @@ int cmp_ldap_sasl_interactive_bind_s(CMP_LDAP *ld, const char *userid, const cha
     args.ccname = ccname;
     args.msgid = -1;
     int rc = cmp_ldap_int_sasl_secprops(&args.secprops);
+    const CMP_LDAP_SASL_LAYER *layer = cmp_ldap_sasl_layer(ld);
+    if (rc == 0 && layer != nullptr) {
+        args.secprops.min_ssf = layer->min_ssf;
+        args.secprops.max_ssf = layer->max_ssf;
+    }
     if (rc != 0) {
         ld->ld_errno = rc;
     } else {

@@ -4,6 +4,9 @@
  * This is the only source that moves data to or from the server.
  */
 #include "cmp_ldap_internal.h"
+#if CMP_LDAP_WITH_SASL
+#include "cmp_ldap_sasl_internal.h"
+#endif
 
 namespace {
 
@@ -237,20 +240,22 @@ bool cmp_ldap_connection_dropped(CMP_LDAP *ld, const char *name)
 
 void cmp_ldap_drop_connection(CMP_LDAP *ld)
 {
+    /* The security layer's reader may have dropped it already, deeper down. */
+    if (ld->ld_sockfd == CMP_LDAP_DROPPED_SOCKET) return;
     /* Only a read that got past the first octet gets here, so the socket is still open. */
     (void)cmp_ldap_tls_end(ld);
     (void)cmp_ldap_close_socket(ld->ld_sockfd);
     ld->ld_sockfd = CMP_LDAP_DROPPED_SOCKET;
 }
 
-int cmp_ldap_send_berdata(CMP_LDAP *ld, const CMP_LDAP_SEND_BUF *buf)
+/* Sends octets whole over TLS or the plain socket: the count, or -1. */
+static int cmp_ldap_send_raw(CMP_LDAP *ld, const unsigned char *data, uint32_t len)
 {
     static const char kName[] = "cmp_ldap_send_data";
-    if (cmp_ldap_connection_dropped(ld, kName)) return -1;
     int32_t count = 0;
     if (ld->ld_ssl_conn != nullptr) {
-        uint32_t ret = osl_scr_ssl_wrp_write_timeo(ld->ld_ssl_conn, buf->data, buf->len,
-                                                   ld->ld_sock_timeout, &count);
+        uint32_t ret =
+            osl_scr_ssl_wrp_write_timeo(ld->ld_ssl_conn, data, len, ld->ld_sock_timeout, &count);
         if (ret != OSL_SCR_SSL_WRP_OK) {
             CMP_LDAP_LOG((int32_t)ret, "%s(): osl_scr_ssl_wrp_write_timeo() error.ret=[%lx]\n",
                          kName, cmp_ldap_ret(ret));
@@ -261,7 +266,7 @@ int cmp_ldap_send_berdata(CMP_LDAP *ld, const CMP_LDAP_SEND_BUF *buf)
         /* A negative count from the wrapper goes back as it stands, deliberately. */
         if (count < 0) return count;
     } else {
-        count = cmp_netsock_send_timeo(ld->ld_sockfd, buf->data, buf->len, 0, ld->ld_sock_timeout);
+        count = cmp_netsock_send_timeo(ld->ld_sockfd, data, len, 0, ld->ld_sock_timeout);
         if (count < 0) {
             CMP_LDAP_LOG(count, "%s(): cmp_netsock_send_timeo() error.sizeWritten=[%d]\n", kName,
                          count);
@@ -270,17 +275,17 @@ int cmp_ldap_send_berdata(CMP_LDAP *ld, const CMP_LDAP_SEND_BUF *buf)
         }
     }
     /* A PDU goes out whole or not at all: a short write is not resumed. */
-    if ((uint32_t)count != buf->len) {
+    if ((uint32_t)count != len) {
         ld->ld_errno = CMP_LDAP_SERVER_DOWN;
         return -1;
     }
     return count;
 }
 
-int cmp_ldap_recv_data(CMP_LDAP *ld, unsigned char *buf, uint32_t len, long timeout)
+/* One receive from TLS or the plain socket, as cmp_ldap_recv_data describes it. */
+static int cmp_ldap_recv_raw(CMP_LDAP *ld, unsigned char *buf, uint32_t len, long timeout)
 {
     static const char kName[] = "cmp_ldap_recv_data";
-    if (cmp_ldap_connection_dropped(ld, kName)) return -1;
     if (ld->ld_ssl_conn != nullptr) {
         int32_t count = 0;
         uint32_t ret = osl_scr_ssl_wrp_read_timeo(ld->ld_ssl_conn, buf, len, timeout, &count);
@@ -301,6 +306,122 @@ int cmp_ldap_recv_data(CMP_LDAP *ld, unsigned char *buf, uint32_t len, long time
         return -1;
     }
     return count;
+}
+
+#if CMP_LDAP_WITH_SASL
+/* With a SASL security layer every request leaves as wrapped buffers, each carrying
+ * at most the plain octets the peer takes in one (SASL_MAXOUTBUF). */
+static int cmp_ldap_send_wrapped(CMP_LDAP *ld, const CMP_LDAP_SASL_LAYER *layer,
+                                 const CMP_LDAP_SEND_BUF *buf)
+{
+    uint32_t done = 0;
+    do {
+        uint32_t piece = buf->len - done < layer->maxout ? buf->len - done : layer->maxout;
+        const unsigned char *out = nullptr;
+        uint32_t outlen = 0;
+        int rc = cmp_ldap_sasl_layer_encode(ld, buf->data + done, piece, &out, &outlen);
+        if (rc != 0) {
+            ld->ld_errno = rc;
+            return -1;
+        }
+        if (cmp_ldap_send_raw(ld, out, outlen) < 0) return -1;
+        done += piece;
+    } while (done < buf->len);
+    return (int)buf->len;
+}
+
+/* The receive failed inside a wrapped buffer: its end is lost and with it every
+ * later one, so the connection goes down as after a cut response. */
+static int cmp_ldap_wrapped_cut(CMP_LDAP *ld)
+{
+    cmp_ldap_drop_connection(ld);
+    return -1;
+}
+
+/* Reads one wrapped buffer and unwraps it: 1, 0 when the peer closed before its
+ * first octet (as between two PDUs on a plain socket), or -1. The length is checked
+ * before anything is read into the buffer, which has room for the longest we take. */
+static int cmp_ldap_read_wrapped(CMP_LDAP *ld, CMP_LDAP_SASL_LAYER *layer, long timeout)
+{
+    static const char kName[] = "cmp_ldap_read_wrapped";
+    unsigned char *w = layer->wrapped;
+    uint32_t got = 0;
+    while (got < CMP_LDAP_SASL_LAYER_PREFIX) {
+        int n = cmp_ldap_recv_raw(ld, w + got, CMP_LDAP_SASL_LAYER_PREFIX - got, timeout);
+        if (n <= 0 && got == 0) return n;
+        if (n == 0) {
+            CMP_LDAP_LOG(CMP_LDAP_PROTOCOL_ERROR,
+                         "%s(): read illegal data. fieldLen=%u,restLen=%u.\n", kName,
+                         CMP_LDAP_SASL_LAYER_PREFIX, CMP_LDAP_SASL_LAYER_PREFIX - got);
+            ld->ld_errno = CMP_LDAP_PROTOCOL_ERROR;
+        }
+        if (n <= 0) return cmp_ldap_wrapped_cut(ld);
+        got += (uint32_t)n;
+    }
+    const uint32_t len = (uint32_t)w[0] << 24 | (uint32_t)w[1] << 16 | (uint32_t)w[2] << 8 | w[3];
+    if (len == 0 || len > CMP_LDAP_SASL_LAYER_MAXBUF) {
+        CMP_LDAP_LOG(CMP_LDAP_PROTOCOL_ERROR, "%s(): Illegal wrapped length.len=%lu,max=%u.\n",
+                     kName, (unsigned long)len, CMP_LDAP_SASL_LAYER_MAXBUF);
+        ld->ld_errno = CMP_LDAP_PROTOCOL_ERROR;
+        return cmp_ldap_wrapped_cut(ld);
+    }
+    got = 0;
+    while (got < len) {
+        int n = cmp_ldap_recv_raw(ld, w + CMP_LDAP_SASL_LAYER_PREFIX + got, len - got, timeout);
+        if (n == 0) {
+            CMP_LDAP_LOG(CMP_LDAP_PROTOCOL_ERROR,
+                         "%s(): read illegal data. length=%ld,restLen=%u.\n", kName, (long)len,
+                         len - got);
+            ld->ld_errno = CMP_LDAP_PROTOCOL_ERROR;
+        }
+        if (n <= 0) return cmp_ldap_wrapped_cut(ld);
+        got += (uint32_t)n;
+    }
+    int rc = cmp_ldap_sasl_layer_decode(ld, w, CMP_LDAP_SASL_LAYER_PREFIX + len);
+    if (rc != 0) {
+        ld->ld_errno = rc;
+        return cmp_ldap_wrapped_cut(ld);
+    }
+    return 1;
+}
+
+/* Serves unwrapped octets to the PDU reader, which reads them as from a socket. */
+static int cmp_ldap_recv_unwrapped(CMP_LDAP *ld, CMP_LDAP_SASL_LAYER *layer, unsigned char *buf,
+                                   uint32_t len, long timeout)
+{
+    /* A buffer that unwraps to nothing (allowed) is followed by the next one. */
+    while (layer->plain_len == 0) {
+        int rc = cmp_ldap_read_wrapped(ld, layer, timeout);
+        if (rc <= 0) return rc;
+    }
+    uint32_t n = len < layer->plain_len ? len : layer->plain_len;
+    memcpy(buf, layer->plain, n);
+    layer->plain += n;
+    layer->plain_len -= n;
+    return (int)n;
+}
+#endif
+
+int cmp_ldap_send_berdata(CMP_LDAP *ld, const CMP_LDAP_SEND_BUF *buf)
+{
+    static const char kName[] = "cmp_ldap_send_data";
+    if (cmp_ldap_connection_dropped(ld, kName)) return -1;
+#if CMP_LDAP_WITH_SASL
+    if (const CMP_LDAP_SASL_LAYER *layer = cmp_ldap_sasl_layer_on(ld))
+        return cmp_ldap_send_wrapped(ld, layer, buf);
+#endif
+    return cmp_ldap_send_raw(ld, buf->data, buf->len);
+}
+
+int cmp_ldap_recv_data(CMP_LDAP *ld, unsigned char *buf, uint32_t len, long timeout)
+{
+    static const char kName[] = "cmp_ldap_recv_data";
+    if (cmp_ldap_connection_dropped(ld, kName)) return -1;
+#if CMP_LDAP_WITH_SASL
+    if (CMP_LDAP_SASL_LAYER *layer = cmp_ldap_sasl_layer_on(ld))
+        return cmp_ldap_recv_unwrapped(ld, layer, buf, len, timeout);
+#endif
+    return cmp_ldap_recv_raw(ld, buf, len, timeout);
 }
 
 /* Reads the length octets that follow the tag in header[0] into header[1..]:

@@ -168,6 +168,7 @@ typedef struct CMP_LDAP {
     void *cmp_ldap_ld_sasl_authctx; /* SASL client connection */
     int32_t ld_sasl_msgid;          /* id of the last SASL bind completed inside the library */
     int32_t ld_sasl_rc;             /* its result code */
+    void *ld_sasl_layer;            /* SASL security layer (cmp_ldap_set_sasl_ssf); library's */
 } CMP_LDAP;
 
 /* What the caller says about the server. Read only by the library. */
@@ -416,6 +417,15 @@ CMP_LDAP_API int cmp_ldap_int_sasl_bind(CMP_LDAP *ld,
                                         const char *userid, const char *domain, const char *ccname,
                                         int32_t *msgidp);
 CMP_LDAP_API void cmp_ldap_int_sasl_close(CMP_LDAP *ld);
+/* Opt-in security layer for the later GSSAPI binds of this handle. By default
+ * (0, 0) a bind negotiates none and the traffic stays as it is. Otherwise the bind
+ * asks for a strength factor from min_ssf to max_ssf: 1 is integrity (signing),
+ * 56 and more confidentiality (sealing) as well; a server that cannot meet min_ssf
+ * fails the bind. Once a bind has negotiated a layer, every later request and
+ * response of the session travels wrapped (4-octet length, then the SASL library's
+ * encoding), and the layer lasts until cmp_ldap_unbind. Returns 0,
+ * CMP_LDAP_PARAM_ERROR (no handle, min_ssf above max_ssf) or CMP_LDAP_NO_MEMORY. */
+CMP_LDAP_API int cmp_ldap_set_sasl_ssf(CMP_LDAP *ld, uint32_t min_ssf, uint32_t max_ssf);
 
 /* ------------------------------------------------------------------------
  * Trace dumps to the debug log. The first argument names the caller.

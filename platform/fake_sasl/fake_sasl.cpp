@@ -23,7 +23,8 @@ struct State {
     std::vector<std::string> calls;
     std::set<void *> conns;
     Seen seen;
-    std::string out; /* clientout stays valid until the next start or step */
+    std::string out;              /* clientout stays valid until the next start or step */
+    std::string encoded, decoded; /* valid until the next sasl_encode, sasl_decode */
     sasl_interact_t prompts[2]{};
 };
 
@@ -149,7 +150,49 @@ int sasl_getprop(sasl_conn_t *, int propnum, const void **pvalue)
 {
     Guard g(g_lock);
     st().calls.push_back("sasl_getprop " + std::to_string(propnum));
-    *pvalue = "localhost";
+    if (propnum == SASL_SSF) {
+        *pvalue = &st().script.ssf;
+    } else if (propnum == SASL_MAXOUTBUF) {
+        *pvalue = &st().script.maxoutbuf;
+    } else {
+        *pvalue = "localhost";
+    }
+    return SASL_OK;
+}
+
+int sasl_encode(sasl_conn_t *, const char *input, unsigned inputlen, const char **output,
+                unsigned *outputlen)
+{
+    Guard g(g_lock);
+    State &s = st();
+    s.calls.push_back("sasl_encode " + std::to_string(inputlen));
+    if (s.script.encode != SASL_OK) return s.script.encode;
+    if (inputlen > s.script.maxoutbuf) return SASL_BADPARAM;
+    s.encoded.assign(
+        {char(inputlen >> 24), char(inputlen >> 16), char(inputlen >> 8), char(inputlen)});
+    for (unsigned i = 0; i < inputlen; ++i)
+        s.encoded.push_back(char(input[i] ^ fake_sasl::kLayerMask));
+    *output = s.encoded.data();
+    *outputlen = (unsigned)s.encoded.size();
+    return SASL_OK;
+}
+
+int sasl_decode(sasl_conn_t *, const char *input, unsigned inputlen, const char **output,
+                unsigned *outputlen)
+{
+    Guard g(g_lock);
+    State &s = st();
+    s.calls.push_back("sasl_decode " + std::to_string(inputlen));
+    if (s.script.decode != SASL_OK) return s.script.decode;
+    const auto *in = reinterpret_cast<const unsigned char *>(input);
+    if (inputlen < 4 || ((uint32_t)in[0] << 24 | (uint32_t)in[1] << 16 | (uint32_t)in[2] << 8 |
+                         in[3]) != inputlen - 4)
+        return SASL_BADPROT;
+    s.decoded.clear();
+    for (unsigned i = 4; i < inputlen; ++i)
+        s.decoded.push_back(char(in[i] ^ fake_sasl::kLayerMask));
+    *output = s.decoded.data();
+    *outputlen = (unsigned)s.decoded.size();
     return SASL_OK;
 }
 

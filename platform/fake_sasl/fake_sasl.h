@@ -46,7 +46,16 @@ struct Script {
     uint32_t gss_minor = 0;
     bool peer = true;                       /* getpeername answers 127.0.0.1:389 */
     std::string reverse_name = "localhost"; /* getnameinfo's name; empty: no name */
+    /* The security layer: what sasl_getprop reports once the conversation is over,
+     * and sasl_encode/_decode's outcome. The fake layer is a length prefix (4
+     * octets, high first) and every octet XOR kLayerMask; sasl_encode refuses more
+     * than maxoutbuf octets and sasl_decode anything but one whole buffer. */
+    unsigned ssf = 0;
+    unsigned maxoutbuf = 4096;
+    int encode = SASL_OK;
+    int decode = SASL_OK;
 };
+constexpr uint8_t kLayerMask = 0x5A;
 
 /* Starts afresh with this script: no calls, no connections. Each new connection
  * plays the start and step replies from their beginning. */
@@ -56,7 +65,7 @@ void reset(const Script &script = Script());
  *   "sasl_getprop 13", "sasl_setprop 101", "sasl_client_start GSSAPI",
  *   "sasl_client_step 4 srv1" (length, then the octets as text; "null 0" for none),
  *   "sasl_errdetail", "sasl_dispose", "gss_krb5_ccache_name /path",
- *   "getpeername", "getnameinfo". */
+ *   "getpeername", "getnameinfo", "sasl_encode 12", "sasl_decode 16" (input lengths). */
 std::vector<std::string> calls();
 long live_connections(); /* made by sasl_client_new and not disposed */
 
