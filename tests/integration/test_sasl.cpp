@@ -248,4 +248,132 @@ TEST(Sasl, BindsOfTwoSessionsRunOneAfterTheOther)
     EXPECT_GT(real_end - real_start, std::chrono::milliseconds(800));
 }
 
+// A second slapd on a copy of the first one's data that refuses binds without a security
+// layer of strength 56 or more (sasl-secprops minssf=56).
+struct SecuredSlapd {
+    std::string dir = servers().dir + "/ldap-minssf";
+    int port = 0;
+    SecuredSlapd()
+    {
+        const std::string from = servers().dir + "/ldap", kdc = servers().dir + "/kdc";
+        const std::string script =
+            "set -e; FIXTURE=test_sasl; . " + kFixtures + "common.sh; d=" + dir + "; s=" + from +
+            "; rm -rf $d; mkdir -p $d/run $d/db; cp --sparse=always $s/db/data.mdb $d/db/;"
+            " sed -e \"s|$s/|$d/|g\" -e '/^sasl-realm/a sasl-secprops minssf=56'"
+            " $s/slapd.conf >$d/slapd.conf; p=$(pick_port); echo $p >$d/port;"
+            " KRB5_CONFIG=" +
+            kdc + "/krb5.conf KRB5_KTNAME=" + kdc +
+            "/ldap.keytab KRB5RCACHETYPE=none /usr/sbin/slapd -f $d/slapd.conf"
+            " -h ldap://127.0.0.1:$p/ -d 0 >$d/slapd.log 2>&1 & echo $! >$d/pid;"
+            " for i in $(seq 500); do ldapsearch -x -o nettimeout=2 -H ldap://127.0.0.1:$p/"
+            " -b '' -s base >/dev/null 2>&1 && exit 0; sleep 0.02; done; exit 1";
+        EXPECT_EQ(sh("bash -c " + quoted(script)), 0) << "see " << dir;
+        port = atoi(first_line(dir + "/port").c_str());
+    }
+    ~SecuredSlapd() { sh("kill " + first_line(dir + "/pid") + " 2>/dev/null"); }
+    static std::string first_line(const std::string &file)
+    {
+        std::ifstream in(file);
+        std::string line;
+        std::getline(in, line);
+        return line;
+    }
+    static std::string quoted(const std::string &text)
+    {
+        std::string q = "'";
+        for (char c : text)
+            q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        return q + "'";
+    }
+};
+
+// Every DN under ou=big, in the order the server sent them.
+std::vector<std::string> big_dns(CMP_LDAP *ld)
+{
+    std::vector<std::string> dns;
+    const std::string base = "ou=big,dc=example,dc=test";
+    int id = cmp_ldap_search_tiny(ld, base.c_str(), 1, nullptr, nullptr, "cn", 0);
+    CMP_LDAP_MESSAGE *m = nullptr;
+    for (int type; id > 0 && (type = cmp_ldap_result(ld, id, 0, &kWait, &m)) > 0; m = nullptr) {
+        if (type == CMP_LDAP_RES_SEARCH_RESULT) {
+            EXPECT_EQ(cmp_ldap_result2error(ld, m, 1), 0);
+            return dns;
+        }
+        char *dn = cmp_ldap_get_dn(ld, m);
+        dns.push_back(dn != nullptr ? dn : "?");
+        cmp_ldap_dn_free(dn);
+        cmp_ldap_msgfree(m);
+    }
+    ADD_FAILURE() << "search failed: ld_errno " << ld->ld_errno;
+    return dns;
+}
+
+// The same search by ldapsearch with its own GSSAPI bind (and its default layer).
+std::vector<std::string> ldapsearch_big_dns(int port)
+{
+    const std::string out = servers().dir + "/ldapsearch-big.ldif";
+    std::string cmd = "KRB5CCNAME=" + servers().kdc.at("CCACHE") +
+                      " ldapsearch -LLL -Q -Y GSSAPI -o ldif_wrap=no -H ldap://localhost:" +
+                      std::to_string(port) + "/ -b ou=big,dc=example,dc=test -s one 1.1 >" + out;
+    EXPECT_EQ(sh(cmd), 0) << cmd;
+    std::vector<std::string> dns;
+    std::ifstream in(out);
+    for (std::string line; std::getline(in, line);)
+        if (line.compare(0, 4, "dn: ") == 0) dns.push_back(line.substr(4));
+    return dns;
+}
+
+TEST(Sasl, SecurityLayerSignAndSealThenSearchesWrapped)
+{
+    SecuredSlapd secured;
+    const std::vector<std::string> reference = ldapsearch_big_dns(secured.port);
+    ASSERT_EQ(reference.size(), 2000u);
+    const struct {
+        const char *name;
+        int port;
+        uint8_t tls_mod;
+        uint32_t min_ssf, max_ssf;
+    } cases[] = {
+        {"sign", servers().port("LDAP_PORT"), 0, 1, 1},
+        {"seal", servers().port("LDAP_PORT"), 0, 56, 256},
+        {"seal inside StartTLS", servers().port("LDAP_PORT"), 1, 56, 256},
+        {"seal where the server demands it", secured.port, 0, 0, 256},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        Ld ld = open_session(c.port, c.tls_mod);
+        ASSERT_NE(ld, nullptr);
+        ASSERT_EQ(cmp_ldap_set_sasl_ssf(ld.get(), c.min_ssf, c.max_ssf), 0);
+        int id = sasl_bind(ld.get(), servers().ccache());
+        EXPECT_EQ(id, ld->ld_mid) << "ld_errno " << ld->ld_errno;
+        EXPECT_EQ(ld->cmp_ldap_ld_sasl_authctx, nullptr);
+        EXPECT_NE(ld->ld_sasl_layer, nullptr);
+        EXPECT_EQ(readable_passwords(ld.get()),
+                  std::vector<std::string>{kAlice + ": alice-secret"});
+        EXPECT_EQ(big_dns(ld.get()), reference);
+    }
+}
+
+TEST(Sasl, ServerDemandingALayerRefusesTheDefaultBindAndSigning)
+{
+    SecuredSlapd secured;
+    const struct {
+        const char *name;
+        uint32_t min_ssf, max_ssf;
+    } cases[] = {{"default", 0, 0}, {"sign only", 1, 1}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        Ld ld = open_session(secured.port, 0);
+        ASSERT_NE(ld, nullptr);
+        ASSERT_EQ(cmp_ldap_set_sasl_ssf(ld.get(), c.min_ssf, c.max_ssf), 0);
+        EXPECT_EQ(sasl_bind(ld.get(), servers().ccache()), -1);
+        // GSSAPI tells the server's offer of layers in its last token, so the client's SASL
+        // library refuses it (SASL_TOOWEAK) before the server ever has to.
+        EXPECT_EQ(ld->ld_errno, CMP_LDAP_SASL_ERROR);
+        ASSERT_NE(ld->ld_error, nullptr);
+        EXPECT_NE(strstr(ld->ld_error, "SASL(-15): mechanism too weak"), nullptr) << ld->ld_error;
+        EXPECT_EQ(ld->cmp_ldap_ld_sasl_authctx, nullptr);
+    }
+}
+
 }  // namespace
