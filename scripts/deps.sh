@@ -14,6 +14,9 @@ PKGS=(
   clang clang-format libclang-rt-dev libgtest-dev libgmock-dev googletest libbenchmark-dev
   krb5-kdc krb5-admin-server krb5-user libsasl2-modules-gssapi-mit
   python3
+  # the ad stage: a throwaway Samba AD domain controller (samba-ad-provision holds the
+  # provisioning's .ldf files), ldbmodify for its bulk data
+  samba samba-ad-dc samba-ad-provision winbind smbclient ldb-tools
   # cross: the 32-bit ARM build and the emulator its tests run under (the armhf OpenSSL,
   # SASL and Kerberos come into a private sysroot through scripts/arm-sysroot.sh)
   g++-arm-linux-gnueabihf qemu-user
@@ -49,6 +52,7 @@ krb5-config krb5-config/add_servers_realm string TOVEISTROR.TEST
 krb5-config krb5-config/read_conf boolean true
 krb5-admin-server krb5-admin-server/newrealm note
 krb5-kdc krb5-kdc/debconf boolean false
+samba-common samba-common/dhcp boolean false
 SEL
 
 echo "deps: installing ${missing[*]}"
