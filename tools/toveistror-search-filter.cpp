@@ -1,5 +1,7 @@
 // toveistror-search: RFC 4515 filter text to the library's filter records.
 #include <cctype>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -19,6 +21,14 @@ struct Node {
     Match match = Match::kEqual;
     std::string value;  // decoded
 };
+
+// What ldapsearch says of a filter it cannot read, with our reason; its status.
+[[noreturn]] void filter_error(const std::string &why)
+{
+    std::fflush(stdout);
+    std::fprintf(stderr, "%s: Bad search filter (-7): %s\n", kProg, why.c_str());
+    std::exit(kExitFilter);
+}
 
 // Sets nested deeper than this are refused before they can exhaust the stack: each level
 // is a frame of the recursive parser (and of the tree's destructor), and the library's
@@ -45,11 +55,11 @@ class FilterParser {
   private:
     [[noreturn]] void syntax(const std::string &why)
     {
-        usage_error("bad search filter at offset " + std::to_string(i_) + ": " + why);
+        filter_error("at offset " + std::to_string(i_) + ": " + why);
     }
     [[noreturn]] void unsupported(const std::string &why)
     {
-        usage_error("filter not supported by the library: " + why);
+        filter_error("not supported by the library: " + why);
     }
 
     void skip_blanks()
@@ -175,7 +185,7 @@ class FilterParser {
 
 [[noreturn]] void unsupported_shape(const std::string &why)
 {
-    usage_error("filter not supported by the library: " + why);
+    filter_error("not supported by the library: " + why);
 }
 
 uint32_t filter_cond(Match m)

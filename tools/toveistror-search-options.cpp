@@ -1,6 +1,5 @@
 // toveistror-search: the command line, read the way ldapsearch reads it.
 #include <fcntl.h>
-#include <getopt.h>
 #include <strings.h>
 #include <termios.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "toveistror-search.h"
@@ -23,35 +23,37 @@ namespace {
 const char kUsage[] =
     "usage: toveistror-search [options] [filter [attributes...]]\n"
     "\n"
-    "Searches an LDAP directory with the toveistror library and prints LDIF.\n"
+    "Searches an LDAP directory with the toveistror library and prints LDIF as\n"
+    "ldapsearch does.\n"
     "\n"
-    "  -H URI       ldap://host[:port] or ldaps://host[:port]\n"
-    "               (default ldap://localhost:389; IPv6 as ldap://[::1]:389)\n"
+    "  -H URI...    ldap://host[:port] or ldaps://host[:port], several separated by\n"
+    "               blanks or commas, tried in turn (IPv6 as ldap://[::1]:389)\n"
     "  -Z           try StartTLS; only if the server refuses it, warn and go on over a\n"
     "               new plain connection (a failed handshake or certificate check ends\n"
     "               the run before anything else is sent)\n"
     "  -ZZ          require StartTLS: fail if it cannot be established\n"
-    "  -x           simple authentication (optional)\n"
-    "  -D binddn    bind DN; without -D the search runs anonymously\n"
+    "  -x           simple authentication (the default)\n"
+    "  -D binddn    bind DN; without it the bind is anonymous\n"
     "  -w passwd    bind password\n"
     "  -W           prompt for the bind password\n"
     "  -y file      read the bind password from file (its whole contents, as is)\n"
     "  -Y GSSAPI    SASL GSSAPI bind with the Kerberos credential cache of KRB5CCNAME\n"
     "               (a FILE: cache; default /tmp/krb5cc_UID), no security layer\n"
     "  -U authcid, -R realm  accepted with -Y; they only appear in the library's trace\n"
-    "  -b base      search base (default: the empty DN)\n"
+    "  -Q           accepted (SASL binds are always quiet)\n"
+    "  -b base      search base (default: BASE of ldap.conf, else the empty DN)\n"
     "  -s scope     base, one or sub (default sub)\n"
     "  -a deref     never, search, find or always (default never)\n"
     "  -z limit     size limit in entries (default 0, none)\n"
     "  -l limit     time limit in seconds (default 0, none)\n"
-    "  -o nettimeout=N\n"
-    "               seconds allowed for connecting, the TLS handshake and each wait\n"
-    "               for a response (default 30; 0 or 'none' waits without limit)\n"
+    "  -o nettimeout=N  seconds allowed for connecting, the TLS handshake and each\n"
+    "               wait for a response (default 30; 0 or 'none' waits without limit)\n"
+    "  -o ldif_wrap=N|no  fold LDIF lines at N columns (default 78) or not at all\n"
     "  -A           attribute names only, no values\n"
+    "  -L           LDIF version 1 with comments; -LL without comments; -LLL without\n"
+    "               the version line either\n"
     "  -d [level]   library log on stderr: 0 errors, 1 (default) errors and request\n"
     "               traces (a trace shows the bind password)\n"
-    "  -L, -LL, -LLL  accepted for ldapsearch compatibility; output is always LDIF\n"
-    "  -h, --help   this text\n"
     "\n"
     "Filters use RFC 4515 syntax (\\XX escapes) in the shapes the library encodes:\n"
     "  (attr=value)  (attr=*value*)  (attr=value*)  (attr=*value)  (attr=*)\n"
@@ -62,15 +64,14 @@ const char kUsage[] =
     "  Without a filter every entry matches, as with (objectClass=*).\n"
     "Up to 8 attribute names may follow the filter (default: all user attributes).\n"
     "\n"
-    "TLS: ldaps:// and -Z/-ZZ verify the server certificate against\n"
-    "TOVEISTROR_CA_FILE or TOVEISTROR_CA_DIR (LDAPTLS_CACERT and LDAPTLS_CACERTDIR\n"
-    "are used when those are unset, else the system's CAs);\n"
-    "LDAPTLS_REQCERT (any case) never or allow turns the verification off; try,\n"
-    "demand and hard keep it.\n"
+    "ldap.conf(5) is read as ldapsearch reads it (/etc/ldap/ldap.conf, ldaprc,\n"
+    ".ldaprc, LDAPCONF, LDAPRC, LDAPNOINIT and the LDAP<key> variables) for URI, BASE,\n"
+    "TLS_CACERT, TLS_CACERTDIR, TLS_REQCERT, NETWORK_TIMEOUT, TIMELIMIT and SIZELIMIT;\n"
+    "TOVEISTROR_CA_FILE and TOVEISTROR_CA_DIR, when set, name the CAs instead.\n"
     "\n"
-    "Exit status: the LDAP result code of the bind or search (0 on success), 2 for a\n"
-    "usage error, 1 for any other failure (the library's code, if it gave one, is\n"
-    "printed on stderr).\n";
+    "Exit status as ldapsearch's: the LDAP result code of the bind or search, 1 for a\n"
+    "usage error, 249 for a filter the tool cannot send, 255 when no server could be\n"
+    "reached or TLS failed.\n";
 
 int parse_int(const char *s, const char *what, int min)
 {
@@ -90,6 +91,14 @@ int parse_limit(const char *s, const char *what)
         return 0;
     }
     return parse_int(s, what, 0);
+}
+
+int parse_nettimeout(const std::string &v)
+{
+    if (v == "none" || v == "infinity" || v == "0") return -1;
+    int t = parse_int(v.c_str(), "network time-out", 1);
+    if (t > 2147483) usage_error("network time-out too large");
+    return t;
 }
 
 std::string read_file(const char *path)
@@ -138,18 +147,158 @@ bool is_integer(const char *s)
     return true;
 }
 
+// ---------------------------------------------------------------------------
+// ldap.conf(5): the files and variables in the order that page gives, later
+// ones overriding earlier ones; the command line overrides them all.
+// ---------------------------------------------------------------------------
+
+// The keys the tool uses; others are ignored, as unknown keys are by ldapsearch.
+const char *const kConfKeys[] = {"URI",           "BASE",        "TLS_CACERT",
+                                 "TLS_CACERTDIR", "TLS_REQCERT", "NETWORK_TIMEOUT",
+                                 "TIMELIMIT",     "SIZELIMIT"};
+
+using Conf = std::vector<std::pair<std::string, std::string>>;
+
+void conf_set(Conf &conf, const std::string &key, const std::string &value)
+{
+    for (const char *k : kConfKeys) {
+        if (strcasecmp(k, key.c_str()) != 0) continue;
+        for (auto &kv : conf) {
+            if (kv.first == k) {
+                kv.second = value;
+                return;
+            }
+        }
+        conf.emplace_back(k, value);
+    }
+}
+
+void read_conf_file(Conf &conf, const std::string &path)
+{
+    FILE *f = std::fopen(path.c_str(), "r");
+    if (f == nullptr) return;
+    char buf[4096];
+    while (std::fgets(buf, sizeof buf, f) != nullptr) {
+        std::string line = buf;
+        size_t b = line.find_first_not_of(" \t");
+        if (b == std::string::npos || line[b] == '#') continue;
+        size_t e = line.find_first_of(" \t\r\n", b);
+        if (e == std::string::npos) continue;
+        size_t v = line.find_first_not_of(" \t", e);
+        size_t ve = line.find_last_not_of(" \t\r\n");
+        if (v == std::string::npos || ve < v) continue;
+        conf_set(conf, line.substr(b, e - b), line.substr(v, ve - v + 1));
+    }
+    std::fclose(f);
+}
+
+Conf read_conf()
+{
+    Conf conf;
+    if (std::getenv("LDAPNOINIT") != nullptr) return conf;
+    read_conf_file(conf, "/etc/ldap/ldap.conf");
+    const char *home_env = std::getenv("HOME");
+    std::string home = home_env != nullptr ? std::string(home_env) + "/" : "";
+    if (!home.empty()) {
+        read_conf_file(conf, home + "ldaprc");
+        read_conf_file(conf, home + ".ldaprc");
+    }
+    read_conf_file(conf, "ldaprc");
+    if (const char *c = std::getenv("LDAPCONF")) read_conf_file(conf, c);
+    if (const char *rc = std::getenv("LDAPRC")) {
+        if (!home.empty()) {
+            read_conf_file(conf, home + rc);
+            read_conf_file(conf, home + "." + rc);
+        }
+        read_conf_file(conf, rc);
+    }
+    for (const char *k : kConfKeys) {
+        if (const char *v = std::getenv((std::string("LDAP") + k).c_str())) conf_set(conf, k, v);
+    }
+    return conf;
+}
+
+// URIs separated by blanks or commas.
+std::vector<std::string> split_uris(const std::string &list)
+{
+    std::vector<std::string> uris;
+    size_t i = 0;
+    while ((i = list.find_first_not_of(" \t,", i)) != std::string::npos) {
+        size_t e = list.find_first_of(" \t,", i);
+        uris.push_back(list.substr(i, e - i));
+        i = e;
+    }
+    return uris;
+}
+
+void apply_conf(Options &o, const Conf &conf)
+{
+    for (const auto &kv : conf) {
+        const std::string &k = kv.first;
+        const char *v = kv.second.c_str();
+        if (k == "URI") {
+            o.uris = split_uris(v);
+        } else if (k == "BASE") {
+            o.base = v;
+        } else if (k == "TLS_CACERT") {
+            o.cacert = v;
+        } else if (k == "TLS_CACERTDIR") {
+            o.cacertdir = v;
+        } else if (k == "TLS_REQCERT") {
+            // never and allow take any certificate; try, demand and hard, like an
+            // unknown value, refuse one that fails verification.
+            o.verify = strcasecmp(v, "never") != 0 && strcasecmp(v, "allow") != 0;
+        } else if (k == "NETWORK_TIMEOUT") {
+            o.nettimeout = parse_nettimeout(v);
+        } else if (k == "TIMELIMIT") {
+            o.timelimit = parse_limit(v, "TIMELIMIT");
+        } else if (k == "SIZELIMIT") {
+            o.sizelimit = parse_limit(v, "SIZELIMIT");
+        }
+    }
+}
+
+// -o name=value: the generic options of ldapsearch the tool has.
+void extended_option(Options &o, const std::string &opt)
+{
+    size_t eq = opt.find('=');
+    std::string name = opt.substr(0, eq);
+    std::string v = eq == std::string::npos ? "" : opt.substr(eq + 1);
+    if (name == "nettimeout") {
+        o.nettimeout = parse_nettimeout(v);
+    } else if (name == "ldif_wrap") {
+        // 1 leaves no room for a folded line's text (ldapsearch dies on it).
+        char *end = nullptr;
+        errno = 0;
+        long w = std::strtol(v.c_str(), &end, 10);
+        if (v == "no") {
+            o.wrap = 0;
+        } else if (v == "0") {
+            o.wrap = 78;  // ldapsearch's default, as it takes 0
+        } else if (v.empty() || errno != 0 || *end != '\0' || w < 0 || w == 1 || w > INT32_MAX) {
+            std::fprintf(stderr, "Unable to parse ldif_wrap=\"%s\"\n", v.c_str());
+            std::exit(kExitUsage);
+        } else {
+            o.wrap = static_cast<int>(w);
+        }
+    } else {
+        usage_error("option -o " + opt + " not supported (only nettimeout and ldif_wrap)");
+    }
+}
+
 }  // namespace
 
 [[noreturn]] void usage_error(const std::string &msg)
 {
     std::fprintf(stderr, "%s: %s\n", kProg, msg.c_str());
-    std::fprintf(stderr, "Try '%s --help' for more information.\n", kProg);
+    std::fputs(kUsage, stderr);
     std::exit(kExitUsage);
 }
 
 Options parse_options(int argc, char **argv)
 {
     Options o;
+    apply_conf(o, read_conf());
     // "-d N" with a separate numeric level, as ldapsearch takes it, becomes
     // "-dN" so that a bare "-d" can stand before another option.
     std::vector<std::string> storage;
@@ -166,24 +315,21 @@ Options parse_options(int argc, char **argv)
     args.push_back(nullptr);
     int n = static_cast<int>(storage.size());
 
-    static const option longopts[] = {{"help", no_argument, nullptr, 'h'},
-                                      {nullptr, 0, nullptr, 0}};
     int c;
     opterr = 0;
-    while ((c = getopt_long(n, args.data(), ":hH:ZxD:w:Wy:Y:U:R:b:s:a:z:l:o:Ad::L", longopts,
-                            nullptr)) != -1) {
+    while ((c = getopt(n, args.data(), ":H:ZxD:w:Wy:Y:U:R:Qb:s:a:z:l:o:Ad::L")) != -1) {
         switch (c) {
-            case 'h':
-                std::fputs(kUsage, stdout);
-                std::exit(0);
             case 'H':
-                o.uri = optarg;
+                o.uris = split_uris(optarg);
                 break;
             case 'Z':
                 ++o.starttls;
                 break;
             case 'x':
+            case 'Q':
+                break;
             case 'L':
+                ++o.ldif_level;
                 break;
             case 'D':
                 o.binddn = optarg;
@@ -211,6 +357,7 @@ Options parse_options(int argc, char **argv)
                 break;
             case 'b':
                 o.base = optarg;
+                o.base_given = true;
                 break;
             case 's':
                 if (std::strcmp(optarg, "base") == 0) {
@@ -244,21 +391,9 @@ Options parse_options(int argc, char **argv)
             case 'l':
                 o.timelimit = parse_limit(optarg, "time limit");
                 break;
-            case 'o': {
-                std::string opt = optarg;
-                const std::string key = "nettimeout=";
-                if (opt.compare(0, key.size(), key) != 0) {
-                    usage_error("option -o " + opt + " not supported (only -o nettimeout=N)");
-                }
-                std::string v = opt.substr(key.size());
-                if (v == "none" || v == "infinity" || v == "0") {
-                    o.nettimeout = -1;
-                } else {
-                    o.nettimeout = parse_int(v.c_str(), "network time-out", 1);
-                    if (o.nettimeout > 2147483) usage_error("network time-out too large");
-                }
+            case 'o':
+                extended_option(o, optarg);
                 break;
-            }
             case 'A':
                 o.attrsonly = true;
                 break;
@@ -273,6 +408,10 @@ Options parse_options(int argc, char **argv)
                 usage_error(std::string("option -") + static_cast<char>(optopt) +
                             " needs an argument");
             default:
+                if (optopt == 'h' || optopt == 'p') {
+                    usage_error(std::string("option -") + static_cast<char>(optopt) +
+                                " not supported (give the server with -H ldap://host:port)");
+                }
                 if (optopt != 0) {
                     usage_error(std::string("option -") + static_cast<char>(optopt) +
                                 " not supported");
@@ -281,52 +420,46 @@ Options parse_options(int argc, char **argv)
         }
     }
     if (o.starttls > 2) usage_error("-Z given more than twice");
-    // As in ldapsearch, a first argument without '=' is an attribute, not a filter.
-    if (optind < n && std::strchr(args[optind], '=') != nullptr) {
+    if (o.ldif_level > 3) o.ldif_level = 3;
+    // As in ldapsearch, a first argument with neither '=' nor a leading '(' is an
+    // attribute, not a filter.
+    if (optind < n && (std::strchr(args[optind], '=') != nullptr || args[optind][0] == '(')) {
         o.filter = args[optind++];
-        o.have_filter = true;
     }
     for (; optind < n; ++optind)
         o.attrs.emplace_back(args[optind]);
+    if (o.uris.empty()) o.uris.emplace_back("ldap://localhost");
     if (o.prompt_password && !o.have_password) {
         o.password = prompt_password();
         o.have_password = true;
     }
-    if (o.have_password && !o.have_binddn) usage_error("a password needs a bind DN (-D)");
     if (!o.sasl_mech.empty() && strcasecmp(o.sasl_mech.c_str(), "GSSAPI") != 0)
         usage_error("the only SASL mechanism is GSSAPI: '" + o.sasl_mech + "'");
     if (!o.sasl_mech.empty() && o.have_binddn) usage_error("-Y and -D exclude each other");
     return o;
 }
 
-Server parse_uri(const std::string &uri)
+bool parse_uri(const std::string &uri, Server &s)
 {
-    Server s;
     std::string rest;
-    if (uri.find_first_of(" \t,") != std::string::npos) {
-        usage_error("only one URI is supported: '" + uri + "'");
-    }
-    auto lower = uri;
-    for (auto &ch : lower)
-        ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-    if (lower.compare(0, 7, "ldap://") == 0) {
+    if (strncasecmp(uri.c_str(), "ldap://", 7) == 0) {
         rest = uri.substr(7);
-    } else if (lower.compare(0, 8, "ldaps://") == 0) {
+    } else if (strncasecmp(uri.c_str(), "ldaps://", 8) == 0) {
         rest = uri.substr(8);
         s.ldaps = true;
         s.port = 636;
     } else {
-        usage_error("URI '" + uri + "' must start with ldap:// or ldaps://");
+        return false;
     }
     rest = rest.substr(0, rest.find('/'));
     std::string port;
     if (!rest.empty() && rest[0] == '[') {
         size_t close_br = rest.find(']');
-        if (close_br == std::string::npos) usage_error("bad IPv6 address in '" + uri + "'");
+        if (close_br == std::string::npos) return false;
         s.host = rest.substr(1, close_br - 1);
         s.ipv6 = true;
         if (close_br + 1 < rest.size()) {
-            if (rest[close_br + 1] != ':') usage_error("bad URI '" + uri + "'");
+            if (rest[close_br + 1] != ':') return false;
             port = rest.substr(close_br + 2);
         }
     } else {
@@ -336,10 +469,12 @@ Server parse_uri(const std::string &uri)
     }
     if (s.host.empty()) s.host = "localhost";
     if (!port.empty()) {
-        s.port = parse_int(port.c_str(), "port", 1);
-        if (s.port > 65535) usage_error("invalid port " + port);
+        char *end = nullptr;
+        long p = std::strtol(port.c_str(), &end, 10);
+        if (*end != '\0' || p < 1 || p > 65535) return false;
+        s.port = static_cast<int>(p);
     }
-    return s;
+    return true;
 }
 
 std::string join_attributes(const std::vector<std::string> &attrs)

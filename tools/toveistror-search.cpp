@@ -69,59 +69,126 @@ const char *library_code_text(int code)
     }
 }
 
+// The texts ldapsearch prints for the result codes; the library's own texts are
+// its log's, some of them spelled its own way.
+const char *result_text(int code)
+{
+    static const struct {
+        int code;
+        const char *text;
+    } kTexts[] = {{0, "Success"},
+                  {1, "Operations error"},
+                  {2, "Protocol error"},
+                  {3, "Time limit exceeded"},
+                  {4, "Size limit exceeded"},
+                  {5, "Compare False"},
+                  {6, "Compare True"},
+                  {7, "Authentication method not supported"},
+                  {8, "Strong(er) authentication required"},
+                  {9, "Partial results and referral received"},
+                  {10, "Referral"},
+                  {11, "Administrative limit exceeded"},
+                  {12, "Critical extension is unavailable"},
+                  {13, "Confidentiality required"},
+                  {14, "SASL bind in progress"},
+                  {16, "No such attribute"},
+                  {17, "Undefined attribute type"},
+                  {18, "Inappropriate matching"},
+                  {19, "Constraint violation"},
+                  {20, "Type or value exists"},
+                  {21, "Invalid syntax"},
+                  {32, "No such object"},
+                  {33, "Alias problem"},
+                  {34, "Invalid DN syntax"},
+                  {35, "Entry is a leaf"},
+                  {36, "Alias dereferencing problem"},
+                  {47, "Proxy Authorization Failure (X)"},
+                  {48, "Inappropriate authentication"},
+                  {49, "Invalid credentials"},
+                  {50, "Insufficient access"},
+                  {51, "Server is busy"},
+                  {52, "Server is unavailable"},
+                  {53, "Server is unwilling to perform"},
+                  {54, "Loop detected"},
+                  {64, "Naming violation"},
+                  {65, "Object class violation"},
+                  {66, "Operation not allowed on non-leaf"},
+                  {67, "Operation not allowed on RDN"},
+                  {68, "Already exists"},
+                  {69, "Cannot modify object class"},
+                  {70, "Results too large"},
+                  {71, "Operation affects multiple DSAs"},
+                  {76, "Virtual List View error"},
+                  {80, "Other (e.g., implementation specific) error"},
+                  {113, "LCUP Resources Exhausted"},
+                  {114, "LCUP Security Violation"},
+                  {115, "LCUP Invalid Data"},
+                  {116, "LCUP Unsupported Scheme"},
+                  {117, "LCUP Reload Required"},
+                  {118, "Cancelled"},
+                  {119, "No Operation to Cancel"},
+                  {120, "Too Late to Cancel"},
+                  {121, "Cannot Cancel"},
+                  {122, "Assertion Failed"},
+                  {123, "Proxied Authorization Denied"}};
+    for (const auto &t : kTexts) {
+        if (t.code == code) return t.text;
+    }
+    return "Unknown error";
+}
+
 std::string code_text(int code)
 {
     const char *t = library_code_text(code);
-    if (t == nullptr) t = cmp_ldap_err2string(code);
+    if (t == nullptr) t = code < 256 ? result_text(code) : cmp_ldap_err2string(code);
     return std::string(t) + " (" + std::to_string(code) + ")";
 }
 
-// A server's result code is the exit status (1 when it does not fit in one).
+// ldapsearch's status for a code: the server's own; for the library's codes 256
+// to 265 (Server down to No memory) the negative API code they stand for, -1 to
+// -10, as one byte; 255 (Server down) for the TLS and connection codes, 254
+// (Local error) for the SASL ones; 255 when the library left no code at all.
 int exit_status(int code)
 {
-    if (code == 0) return 0;
-    return code > 0 && code < 256 ? code : kExitFailure;
+    if (code >= 0 && code < 256) return code;
+    if (code >= CMP_LDAP_SERVER_DOWN && code <= CMP_LDAP_NO_MEMORY) {
+        return 256 - (code - CMP_LDAP_SERVER_DOWN + 1);
+    }
+    if (code >= CMP_LDAP_SASL_AUTH_FAILED) return 254;
+    return kExitServerDown;
 }
 
-// Every failure of the library ends the run with status 1, also when it left no
-// code behind: a refused length field, for one, fails a read without setting
-// ld_errno.
-[[noreturn]] void fail(const std::string &what, int code)
+[[noreturn]] void fail(const std::string &what, int code, int status)
 {
+    std::fflush(stdout);
     std::string why = code != 0 ? code_text(code) : "failed without a result code";
     std::fprintf(stderr, "%s: %s: %s\n", kProg, what.c_str(), why.c_str());
-    std::exit(kExitFailure);
+    std::exit(status);
 }
 
 // ---------------------------------------------------------------------------
 // The session
 // ---------------------------------------------------------------------------
 
-void take_ldaptls_environment()
+// The CAs of ldap.conf (or LDAPTLS_CACERT...) go to the port under its own names,
+// unless those are set already.
+void take_tls_settings(const Options &o)
 {
-    // ldapsearch users have these set already; the port reads its own names.
-    const char *cacert = std::getenv("LDAPTLS_CACERT");
-    const char *cadir = std::getenv("LDAPTLS_CACERTDIR");
-    if (std::getenv("TOVEISTROR_CA_FILE") == nullptr &&
-        std::getenv("TOVEISTROR_CA_DIR") == nullptr) {
-        if (cacert != nullptr) setenv("TOVEISTROR_CA_FILE", cacert, 1);
-        if (cadir != nullptr) setenv("TOVEISTROR_CA_DIR", cadir, 1);
+    if (std::getenv("TOVEISTROR_CA_FILE") != nullptr ||
+        std::getenv("TOVEISTROR_CA_DIR") != nullptr) {
+        return;
     }
+    if (!o.cacert.empty()) setenv("TOVEISTROR_CA_FILE", o.cacert.c_str(), 1);
+    if (!o.cacertdir.empty()) setenv("TOVEISTROR_CA_DIR", o.cacertdir.c_str(), 1);
 }
 
-// LDAPTLS_REQCERT as ldap.conf(5) reads it, in any case: never and allow take any
-// certificate; try, demand and hard, like an unset or unknown value, refuse one that
-// fails verification.
-uint8_t verification_mode()
-{
-    const char *req = std::getenv("LDAPTLS_REQCERT");
-    if (req != nullptr && (strcasecmp(req, "never") == 0 || strcasecmp(req, "allow") == 0)) {
-        return 0;
-    }
-    return 1;
-}
+struct Attempt {
+    CMP_LDAP *ld = nullptr;
+    int rc = 0;
+    uint8_t tls_mod = CMP_LDAP_TLS_MOD_NONE;
+};
 
-CMP_LDAP *open_session(const Options &o, const Server &srv)
+Attempt open_one(const Options &o, const Server &srv)
 {
     CMP_LDAP_CONN_PARAM param{};
     std::vector<char> host(srv.host.begin(), srv.host.end());
@@ -130,7 +197,7 @@ CMP_LDAP *open_session(const Options &o, const Server &srv)
     param.portno = srv.port;
     param.timeout = o.nettimeout;
     param.ipv6 = srv.ipv6 ? 1 : 0;
-    param.ssl_auth = verification_mode();
+    param.ssl_auth = o.verify ? 1 : 0;
     if (srv.ldaps) {
         param.tls_mod = CMP_LDAP_TLS_MOD_LDAPS;
     } else if (o.starttls > 0) {
@@ -138,28 +205,41 @@ CMP_LDAP *open_session(const Options &o, const Server &srv)
     } else {
         param.tls_mod = CMP_LDAP_TLS_MOD_NONE;
     }
-    CMP_LDAP *ld = nullptr;
-    int rc = cmp_ldap_open_with_timeout(&param, &ld);
+    Attempt a;
+    a.rc = cmp_ldap_open_with_timeout(&param, &a.ld);
     // The open answers 80 when the server refused StartTLS (or, before anything was
     // sent, when a link-local address has no scope; the plain attempt then fails the
     // same way). Only then may -Z go on in plain text, as ldapsearch -Z does: a failed
     // handshake or certificate check means somebody may be in the way, so the run ends
     // there, before a password could leave in clear.
-    if (rc == CMP_LDAP_OTHER && o.starttls == 1) {
+    if (a.rc == CMP_LDAP_OTHER && o.starttls == 1) {
         std::fprintf(stderr, "%s: StartTLS refused by the server; continuing without TLS\n", kProg);
         param.tls_mod = CMP_LDAP_TLS_MOD_NONE;
-        ld = nullptr;
-        rc = cmp_ldap_open_with_timeout(&param, &ld);
+        a.ld = nullptr;
+        a.rc = cmp_ldap_open_with_timeout(&param, &a.ld);
     }
-    if (rc != 0 || ld == nullptr) {
-        std::string what = "open of " + o.uri;
-        if (param.tls_mod == CMP_LDAP_TLS_MOD_STARTTLS) {
-            what = "StartTLS to " + o.uri;
-            if (rc == CMP_LDAP_OTHER) what += " refused by the server";
-        }
-        fail(what, rc);
+    a.tls_mod = param.tls_mod;
+    return a;
+}
+
+// Each URI in turn until one opens. A failed StartTLS is status 1 as in ldapsearch
+// (its start_tls step fails, not the connection), any other failure 255.
+CMP_LDAP *open_session(const Options &o, const std::vector<Server> &servers)
+{
+    Attempt a;
+    size_t i = 0;
+    for (; i < servers.size(); ++i) {
+        a = open_one(o, servers[i]);
+        if (a.rc == 0 && a.ld != nullptr) return a.ld;
     }
-    return ld;
+    std::string what = "open of " + o.uris.back();
+    int status = kExitServerDown;
+    if (a.tls_mod == CMP_LDAP_TLS_MOD_STARTTLS) {
+        what = "StartTLS to " + o.uris.back();
+        if (a.rc == CMP_LDAP_OTHER) what += " refused by the server";
+        status = kExitFailure;
+    }
+    fail(what, a.rc, status);
 }
 
 std::unique_ptr<CMP_LDAP_TIMEVAL> wait_time(const Options &o)
@@ -187,7 +267,7 @@ void drop_referral(CMP_LDAP *ld)
     int code = ld->ld_errno;
     drop_referral(ld);
     cmp_ldap_unbind(ld);
-    fail(what, code);
+    fail(what, code, code != 0 ? exit_status(code) : kExitServerDown);
 }
 
 // The next response to id; any failure, a time-out included, ends the run.
@@ -256,6 +336,17 @@ Outcome take_result(CMP_LDAP *ld, CMP_LDAP_MESSAGE *msg, const std::string &what
     return r;
 }
 
+void print_failure(const char *what, const Outcome &r)
+{
+    std::fprintf(stderr, "%s: %s: %s\n", kProg, what, code_text(r.code).c_str());
+    if (!r.matched.empty()) std::fprintf(stderr, "\tmatched DN: %s\n", r.matched.c_str());
+    if (!r.text.empty()) std::fprintf(stderr, "\tadditional info: %s\n", r.text.c_str());
+    for (const auto &url : r.referrals)
+        std::fprintf(stderr, "\treferral: %s\n", url.c_str());
+}
+
+// Anonymous without -D, as ldapsearch binds (a password without a DN goes to the
+// server as it stands, and it answers for it).
 void simple_bind(CMP_LDAP *ld, const Options &o)
 {
     ld->ld_errno = 0;
@@ -268,15 +359,12 @@ void simple_bind(CMP_LDAP *ld, const Options &o)
         cmp_ldap_msgfree(msg);
         std::fprintf(stderr, "%s: bind: unexpected response type %d\n", kProg, type);
         cmp_ldap_unbind(ld);
-        std::exit(kExitFailure);
+        std::exit(exit_status(CMP_LDAP_DECODING_ERROR));
     }
     Outcome r = take_result(ld, msg, "bind");
     if (r.code != 0) {
         cmp_ldap_unbind(ld);
-        std::fprintf(stderr, "%s: bind: %s\n", kProg, code_text(r.code).c_str());
-        if (!r.text.empty()) std::fprintf(stderr, "\tadditional info: %s\n", r.text.c_str());
-        for (const auto &url : r.referrals)
-            std::fprintf(stderr, "\treferral: %s\n", url.c_str());
+        print_failure("bind", r);
         std::exit(exit_status(r.code));
     }
 }
@@ -292,28 +380,36 @@ void gssapi_bind(CMP_LDAP *ld, const Options &o)
         std::fprintf(stderr, "%s: bind: KRB5CCNAME must name a FILE: cache: %s\n", kProg,
                      cache.c_str());
         cmp_ldap_unbind(ld);
-        std::exit(kExitFailure);
+        std::exit(kExitUsage);
     }
     ld->ld_errno = 0;
     if (cmp_ldap_bind(ld, o.sasl_user.c_str(), nullptr, o.sasl_realm.c_str(), cache.c_str(),
                       CMP_LDAP_AUTH_SASL) >= 0)
         return;
-    int code = ld->ld_errno;
-    std::string text = ld->ld_error != nullptr ? ld->ld_error : "";
+    Outcome r;
+    r.code = ld->ld_errno;
+    if (ld->ld_error != nullptr) r.text = ld->ld_error;
     drop_referral(ld);
     cmp_ldap_unbind(ld);
-    std::fprintf(stderr, "%s: bind: %s\n", kProg,
-                 code != 0 ? code_text(code).c_str() : "failed without a result code");
-    if (!text.empty()) std::fprintf(stderr, "\tadditional info: %s\n", text.c_str());
-    std::exit(exit_status(code != 0 ? code : kExitFailure));
+    print_failure("bind", r);
+    std::exit(exit_status(r.code));
 }
 
-void print_entry(CMP_LDAP *ld, CMP_LDAP_MESSAGE *msg, Ldif &out)
+// Counts of what a search returned, for the summary.
+struct Tally {
+    long entries = 0;
+    long references = 0;
+};
+
+// One entry, written as its values are read; nothing of it outlives the message.
+// With -A only the names are written, whatever values the server sent along.
+void print_entry(CMP_LDAP *ld, CMP_LDAP_MESSAGE *msg, const Options &o, Ldif &out)
 {
     ld->ld_errno = 0;
     char *dn = cmp_ldap_get_dn(ld, msg);
     if (dn == nullptr) fail_session(ld, "reading an entry's DN");
-    out.line("dn", dn);
+    if (o.ldif_level < 2) out.comment(dn_to_ufn(dn));
+    out.value("dn", dn);
     cmp_ldap_dn_free(dn);
 
     void *cursor = nullptr;
@@ -322,25 +418,81 @@ void print_entry(CMP_LDAP *ld, CMP_LDAP_MESSAGE *msg, Ldif &out)
         std::string name = a;  // the buffer belongs to the message
         CMP_LDAP_BERVAL **vals = cmp_ldap_get_values_binary(ld, msg, name.c_str());
         if (vals == nullptr) fail_session(ld, "reading the values of " + name);
-        if (vals[0] == nullptr) out.line(name, "");
-        for (CMP_LDAP_BERVAL **v = vals; *v != nullptr; ++v) {
-            out.line(name, (*v)->data, (*v)->total_size);
+        if (o.attrsonly || vals[0] == nullptr) {
+            // An attribute without values is written only with -A, as ldapsearch does.
+            if (o.attrsonly) out.value(name.c_str(), "");
+        } else {
+            for (CMP_LDAP_BERVAL **v = vals; *v != nullptr; ++v)
+                out.value(name.c_str(), (*v)->data, (*v)->total_size);
         }
         cmp_ldap_value_free_binary(vals);
     }
     if (ld->ld_errno != 0) fail_session(ld, "reading an entry's attributes");
-    out.raw("\n");
+    Ldif::raw("\n");
 }
 
-void print_reference(CMP_LDAP *ld, CMP_LDAP_MESSAGE *msg, Ldif &out)
+void print_reference(CMP_LDAP *ld, CMP_LDAP_MESSAGE *msg, const Options &o, Ldif &out)
 {
     ld->ld_errno = 0;
     char **urls = cmp_ldap_get_referrals(ld, msg);
     if (urls == nullptr) fail_session(ld, "reading a search reference");
-    for (char **u = urls; *u != nullptr; ++u)
-        out.raw(std::string("# ref") + *u + "\n");
-    out.raw("\n");
+    if (o.ldif_level < 2) Ldif::raw("# search reference\n");
+    for (char **u = urls; *u != nullptr; ++u) {
+        if (o.ldif_level == 0) {
+            out.value("ref", *u);
+        } else {
+            out.comment(*u, "ref");  // ldapsearch writes no blank between the two
+        }
+    }
+    Ldif::raw("\n");
     cmp_ldap_value_free(urls);
+}
+
+const char *scope_name(uint32_t scope)
+{
+    if (scope == CMP_LDAP_SCOPE_BASE) return "baseObject";
+    if (scope == CMP_LDAP_SCOPE_ONELEVEL) return "oneLevel";
+    return "subtree";
+}
+
+// What ldapsearch writes before the first entry at each -L level.
+void print_header(const Options &o)
+{
+    if (o.ldif_level == 0) Ldif::raw("# extended LDIF\n");
+    if (o.ldif_level == 1 || o.ldif_level == 2) Ldif::raw("version: 1\n\n");
+    if (o.ldif_level >= 2) return;
+    std::string h = "#\n# LDAPv3\n# base <" + o.base + ">" + (o.base_given ? "" : " (default)") +
+                    " with scope " + scope_name(o.scope) + "\n";
+    Ldif::raw(h);
+    Ldif::raw("# filter: " + (o.filter.empty() ? std::string("(objectclass=*)") : o.filter) + "\n");
+    std::string req = "# requesting:";
+    for (const auto &a : o.attrs)
+        req += " " + a;
+    Ldif::raw(req + (o.attrs.empty() ? " ALL\n" : " \n") + "#\n\n");
+}
+
+// The summary after the last response. A server text that would break the LDIF
+// (a line break in it) is written in base64 like the other values.
+void print_summary(const Options &o, int id, const Outcome &r, const Tally &t, Ldif &out)
+{
+    if (o.ldif_level >= 2) return;
+    Ldif::raw("# search result\n");
+    if (o.ldif_level == 0) {
+        Ldif::raw("search: " + std::to_string(id) + "\nresult: " + std::to_string(r.code) + " " +
+                  result_text(r.code) + "\n");
+        if (!r.matched.empty()) out.value("matchedDN", r.matched);
+        if (r.text.find_first_of("\r\n") != std::string::npos) {
+            out.value("text", r.text);
+        } else if (!r.text.empty()) {
+            Ldif::raw("text: " + r.text + "\n");
+        }
+        for (const auto &url : r.referrals)
+            out.value("ref", url);
+    }
+    std::string s = "\n# numResponses: " + std::to_string(t.entries + t.references + 1) + "\n";
+    if (t.entries > 0) s += "# numEntries: " + std::to_string(t.entries) + "\n";
+    if (t.references > 0) s += "# numReferences: " + std::to_string(t.references) + "\n";
+    Ldif::raw(s);
 }
 
 int search(CMP_LDAP *ld, const Options &o, const LibraryFilter &f, const std::string &attrs)
@@ -354,34 +506,24 @@ int search(CMP_LDAP *ld, const Options &o, const LibraryFilter &f, const std::st
                                   o.attrsonly ? 1 : 0);
     if (id < 0) fail_session(ld, "search");
 
-    Ldif out;
-    long entries = 0, references = 0;
+    Ldif out(o.wrap);
+    Tally t;
     for (;;) {
-        out.flush();  // into stdio's buffer, so that a failure below still shows it
         CMP_LDAP_MESSAGE *msg = nullptr;
         int type = next_response(ld, id, o, &msg, "waiting for search results");
         if (type == CMP_LDAP_RES_SEARCH_ENTRY) {
-            print_entry(ld, msg, out);
+            print_entry(ld, msg, o, out);
             cmp_ldap_msgfree(msg);
-            ++entries;
+            ++t.entries;
         } else if (type == CMP_LDAP_RES_SEARCH_REFERENCE) {
-            print_reference(ld, msg, out);
+            print_reference(ld, msg, o, out);
             cmp_ldap_msgfree(msg);
-            ++references;
+            ++t.references;
         } else if (type == CMP_LDAP_RES_SEARCH_RESULT) {
             Outcome r = take_result(ld, msg, "reading the search result");
-            if (!r.matched.empty()) out.raw("# matchedDN: " + r.matched + "\n");
-            if (!r.text.empty()) out.raw("# text: " + r.text + "\n");
-            for (const auto &url : r.referrals)
-                out.raw("# ref: " + url + "\n");
-            out.raw("# result: " + std::to_string(r.code) + " " + cmp_ldap_err2string(r.code) +
-                    "\n");
-            out.raw("# numEntries: " + std::to_string(entries) + "\n");
-            if (references > 0) out.raw("# numReferences: " + std::to_string(references) + "\n");
-            out.flush();
-            if (r.code != 0) {
-                std::fprintf(stderr, "%s: search: %s\n", kProg, code_text(r.code).c_str());
-            }
+            print_summary(o, id, r, t, out);
+            std::fflush(stdout);
+            if (r.code != 0) print_failure("search", r);
             return r.code;
         } else {
             cmp_ldap_msgfree(msg);  // not ours to show; keep waiting
@@ -397,19 +539,35 @@ int main(int argc, char **argv)
 {
     using namespace search_tool;
     Options o = parse_options(argc, argv);
-    Server srv = parse_uri(o.uri);
-    if (srv.ldaps && o.starttls > 0) usage_error("-Z and -ZZ need an ldap:// URI, not ldaps://");
-    LibraryFilter f;
-    if (o.have_filter && !o.filter.empty()) f = parse_filter(o.filter);
+    std::vector<Server> servers(o.uris.size());
+    for (size_t i = 0; i < o.uris.size(); ++i) {
+        if (!parse_uri(o.uris[i], servers[i])) {
+            std::string all;
+            for (const auto &u : o.uris)
+                all += (all.empty() ? "" : " ") + u;
+            std::fprintf(stderr, "%s: Could not parse LDAP URI(s)=%s\n", kProg, all.c_str());
+            return kExitUsage;
+        }
+        if (servers[i].ldaps && o.starttls > 0) {
+            usage_error("-Z and -ZZ need an ldap:// URI, not ldaps://");
+        }
+    }
     std::string attrs = join_attributes(o.attrs);
 
     cmp_dbglog_posix_set_level(o.log_level);
-    take_ldaptls_environment();
+    take_tls_settings(o);
     cmp_ldap_init();
 
-    CMP_LDAP *ld = open_session(o, srv);
-    if (o.have_binddn) simple_bind(ld, o);
-    if (!o.sasl_mech.empty()) gssapi_bind(ld, o);
+    CMP_LDAP *ld = open_session(o, servers);
+    if (o.sasl_mech.empty()) {
+        simple_bind(ld, o);
+    } else {
+        gssapi_bind(ld, o);
+    }
+    print_header(o);
+    std::fflush(stdout);
+    LibraryFilter f;
+    if (!o.filter.empty()) f = parse_filter(o.filter);
     int rc = search(ld, o, f, attrs);
     cmp_ldap_unbind(ld);
     return exit_status(rc);

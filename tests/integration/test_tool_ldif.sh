@@ -1,0 +1,189 @@
+#!/usr/bin/env bash
+# toveistror-search as a drop-in for ldapsearch:   test_tool_ldif.sh TOOL STATE_DIR [--rss]
+# Each row of the table runs ldapsearch and the tool with the same arguments and
+# environment, against a slapd loaded with LDIF edge cases; stdout must be the same bytes
+# and the exit status the same. --rss also checks that the tool's peak memory does not
+# grow with the size of a search.
+set -uo pipefail
+tool=${1:?usage: test_tool_ldif.sh TOOL STATE_DIR [--rss]}
+state=${2:?usage: test_tool_ldif.sh TOOL STATE_DIR [--rss]}
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+fixture=$here/../fixtures/slapd.sh
+mkdir -p "$state"
+work=$(mktemp -d "$state/tool-ldif.XXXXXX")
+failures=0
+peers=""
+trap 'kill $peers 2>/dev/null; bash "$fixture" stop "$work/srv"
+  [ "$failures" -ne 0 ] || rm -rf "$work"' EXIT
+# shellcheck source=checks.sh
+. "$here/checks.sh"
+
+# The edge cases of edge.ldif, values at every fold length (text and base64), 1,000
+# values, and 60 entries of 200 KB.
+edge="cn=folds,ou=edge,dc=example,dc=test"
+{
+  cat "$here/../fixtures/edge.ldif"
+  printf '\ndn: %s\nobjectClass: inetOrgPerson\ncn: folds\nsn: folds\n' "$edge"
+  v=""
+  for ((i = 1; i <= 240; i++)); do
+    v="$v$((i % 10))"
+    printf 'description: %s\n' "$v"
+    b64[i]=$(printf '\001%s' "$v" | base64 -w0)
+  done
+  printf 'audio:: %s\n' "${b64[@]}"
+  printf '\ndn: cn=many,ou=edge,dc=example,dc=test\nobjectClass: inetOrgPerson\ncn: many\nsn: many\n'
+  for ((i = 1; i <= 1000; i++)); do printf 'description: value %04d\n' "$i"; done
+  heavy=$(head -c 204800 /dev/zero | tr '\0' '\252' | base64 -w0)
+  printf '\ndn: ou=heavy,ou=edge,dc=example,dc=test\nobjectClass: organizationalUnit\nou: heavy\n'
+  for ((i = 1; i <= 60; i++)); do
+    printf '\ndn: cn=h%02d,ou=heavy,ou=edge,dc=example,dc=test\nobjectClass: inetOrgPerson\n' "$i"
+    printf 'cn: h%02d\nsn: heavy\naudio:: %s\n' "$i" "$heavy"
+  done
+} >"$state/edge-extra.ldif"
+bash "$fixture" start "$work/srv" --owner $$ --shared "$state/shared-edge" \
+  --extra "$state/edge-extra.ldif" || exit 1
+# shellcheck source=/dev/null
+. "$work/srv/env"
+unset LDAPTLS_REQCERT TOVEISTROR_LDAP_PROTOCOL TOVEISTROR_CA_DIR TOVEISTROR_CA_FILE LDAPNOINIT \
+  LDAPURI LDAPBASE LDAPCONF LDAPRC
+export LDAPTLS_CACERT=$CA_FILE HOME=$work/home
+mkdir -p "$HOME" "$work/cwd"
+cd "$work/cwd" || exit 1
+printf 'URI %s\nBASE ou=edge,%s\n' "$LDAP_URI" "$BASE_DN" >"$work/conf"
+printf 'BASE %s\n' "$edge" >"$work/cwd/myrc"
+printf 'URI ldap://127.0.0.1:1/\nSIZELIMIT 2\n' >"$HOME/.ldaprc"
+
+# peer VAR FRAMES...: a scripted server on 127.0.0.1 answering the bind and then the search
+# with FRAMES (hex, one per request), its URI in VAR.
+peer() {
+  local var=$1 port
+  shift
+  start_peer port answer 127.0.0.1 "$@"
+  printf -v "$var" 'ldap://127.0.0.1:%s/' "$port"
+}
+# BER in hex: tlv TAG HEX, str TEXT (an OCTET STRING)
+tlv() { printf '%s%s%s' "$1" "$(len $((${#2} / 2)))" "$2"; }
+len() { if (($1 < 128)); then printf '%02x' "$1"; else printf '82%04x' "$1"; fi; }
+str() { tlv 04 "$(printf '%s' "$1" | od -An -tx1 | tr -d ' \n')"; }
+bind_ok=$(tlv 30 "020101$(tlv 61 "0a0100$(str '')$(str '')")")
+frame() { tlv 30 "020102$1"; } # a response to the search, message id 2
+done_ok=$(frame "$(tlv 65 "0a0100$(str '')$(str '')")")
+# An entry with odd DN escapes, values the server sends although -A asked for none, and
+# an attribute without values.
+odd=$(frame "$(tlv 64 "$(str 'CN=A\2c+cn=b,OU=b\+,O=\#c \\\\,dc=x,ou=y,DC=z,dc=w')$(tlv 30 \
+  "$(tlv 30 "$(str cn)$(tlv 31 "$(str '#x')$(str '-x')$(str 'x:')$(str '=')")")$(tlv 30 \
+  "$(str userpassword)$(tlv 31 "$(str abc)")")$(tlv 30 "$(str b)3100")")")")
+bogus=$(frame "$(tlv 64 "$(str bogus)3000")")
+peer odd_uri "$bind_ok" "$odd$bogus$done_ok"
+
+# The table: NAME ARGS... (shell words; leading VAR=value words set the environment of
+# both). Every run gets -x.
+people="ou=people,$BASE_DN"
+ldaps="ldaps://localhost:$LDAPS_PORT/"
+rows=$(
+  cat <<EOF
+default -H $LDAP_URI -b ou=edge,$BASE_DN
+one-level -H $LDAP_URI -b ou=edge,$BASE_DN -s one
+level-1 -L -H $LDAP_URI -b ou=edge,$BASE_DN
+level-2 -LL -H $LDAP_URI -b ou=edge,$BASE_DN
+level-3 -LLL -H $LDAP_URI -b ou=edge,$BASE_DN
+attrs -H $LDAP_URI -b ou=edge,$BASE_DN '(cn=values)' description audio jpegPhoto
+names-only -A -H $LDAP_URI -b ou=edge,$BASE_DN -s one
+names-only-3 -A -LLL -H $LDAP_URI -b ou=edge,$BASE_DN
+wrap-no -o ldif_wrap=no -H $LDAP_URI -b ou=edge,$BASE_DN
+wrap-0 -o ldif_wrap=0 -H $LDAP_URI -b $edge
+wrap-2 -o ldif_wrap=2 -H $LDAP_URI -b ou=edge,$BASE_DN
+wrap-3 -L -o ldif_wrap=3 -H $LDAP_URI -b ou=edge,$BASE_DN
+wrap-20 -o ldif_wrap=20 -H $LDAP_URI -b ou=edge,$BASE_DN
+wrap-76 -LLL -o ldif_wrap=76 -H $LDAP_URI -b ou=edge,$BASE_DN
+wrap-bad -o ldif_wrap=abc -H $LDAP_URI
+wrap-negative -o ldif_wrap=-5 -H $LDAP_URI
+root-dse -H $LDAP_URI -b '' -s base
+bound -D $USER_DN -w $USER_PW -H $LDAP_URI -b $USER_DN -s base
+wrong-password -D $USER_DN -w wrong -H $LDAP_URI
+password-without-dn -w secret -H $LDAP_URI
+referral -H $LDAP_URI -b cn=x,ou=away,ou=edge,$BASE_DN
+referral-1 -L -H $LDAP_URI -b cn=x,ou=away,ou=edge,$BASE_DN
+referral-3 -LLL -H $LDAP_URI -b cn=x,ou=away,ou=edge,$BASE_DN
+no-such-object -H $LDAP_URI -b cn=x,ou=nowhere,$BASE_DN
+no-such-object-1 -L -H $LDAP_URI -b cn=x,ou=nowhere,$BASE_DN
+invalid-dn -H $LDAP_URI -b x
+size-limit -H $LDAP_URI -b ou=big,$BASE_DN -s one -z 4 cn
+size-limit-3 -LLL -H $LDAP_URI -b ou=big,$BASE_DN -s one -z 4 cn
+filter-open -H $LDAP_URI '('
+filter-empty -H $LDAP_URI '()'
+filter-unclosed -H $LDAP_URI '(cn=a'
+attribute-not-filter -H $LDAP_URI -b $edge -s base cn
+help --help
+h-host -h 127.0.0.1
+bad-scope -s bogus -H $LDAP_URI
+bad-uri -H foo://x
+unreachable -H ldap://127.0.0.1:1/
+uri-list -H 'ldap://127.0.0.1:1/ $LDAP_URI' -b $people '(sn=Archer)'
+uri-comma -H 'ldap://127.0.0.1:1/,$LDAP_URI' -b $people '(sn=Archer)'
+ldapuri LDAPURI=$LDAP_URI LDAPBASE=$people '(sn=Archer)'
+ldapconf LDAPCONF=$work/conf -s one
+ldaprc LDAPCONF=$work/conf LDAPRC=myrc -s base
+cli-over-conf LDAPCONF=$work/conf LDAPBASE=$people -b $edge -s base cn
+noinit LDAPNOINIT=1 LDAPCONF=$work/conf
+user-rc-size-limit LDAPURI=$LDAP_URI -b ou=big,$BASE_DN -s one cn
+ldaps -H $ldaps -b $people '(sn=Archer)'
+starttls -ZZ -H ldap://localhost:$LDAP_PORT/ -b $people '(sn=Archer)'
+ldaps-other-ca LDAPTLS_CACERT=$OTHER_CA_FILE -H $ldaps
+starttls-other-ca LDAPTLS_CACERT=$OTHER_CA_FILE -ZZ -H ldap://localhost:$LDAP_PORT/
+reqcert-never LDAPTLS_REQCERT=never LDAPTLS_CACERT=$OTHER_CA_FILE -H $ldaps -b $USER_DN -s base
+server-escapes -A -H $odd_uri
+server-escapes-3 -LLL -H $odd_uri
+EOF
+)
+# Result codes and their texts, from scripted servers.
+for code in 1 8 15 47 80 123; do
+  peer uri "$bind_ok" "$(frame "$(tlv 65 "0a01$(printf %02x $code)$(str '')$(str 'why')")")"
+  rows+=$'\n'"code-$code -H $uri"
+done
+while read -r name line; do
+  eval "words=($line)"
+  envs=()
+  while [[ ${words[0]:-} =~ ^[A-Z_]+= ]]; do
+    envs+=("${words[0]}")
+    words=("${words[@]:1}")
+  done
+  env "${envs[@]}" ldapsearch -x "${words[@]}" >"$work/want" 2>"$work/want.err"
+  rc_want=$?
+  env "${envs[@]}" "$tool" -x "${words[@]}" >"$work/got" 2>"$work/err"
+  rc_got=$?
+  [ "$rc_got" = "$rc_want" ] || fail "$name: exit $rc_got, ldapsearch $rc_want: $(head -c 300 "$work/err")"
+  cmp -s "$work/want" "$work/got" ||
+    fail "$name: stdout differs: $(diff "$work/want" "$work/got" | head -8)"
+done <<<"$rows"
+
+# Deliberate differences: server texts with line breaks stay inside their LDIF lines
+# (ldapsearch writes them raw), and ldif_wrap=1 is refused (ldapsearch dies on it).
+nl=$(frame "$(tlv 65 "0a0135$(str $'cn=x\ny')$(str $'line one\nline two')$(tlv a3 "$(str \
+  $'ldap://a/\nb')")")")
+ref=$(frame "$(tlv 73 "$(str $'ldap://r/\nx')")")
+peer nl_uri "$bind_ok" "$ref$nl"
+for level in -LLL -L ""; do
+  "$tool" $level -H "$nl_uri" >"$work/got" 2>/dev/null
+  rc=$?
+  [ "$rc" = 53 ] || fail "line breaks $level: exit $rc"
+  ! grep -qE '^(line two|x|b)$' "$work/got" || fail "line breaks $level: $(cat "$work/got")"
+done
+grep -qx 'text:: bGluZSBvbmUKbGluZSB0d28=' "$work/got" || fail "text: not in base64"
+expect wrap-1 1 'Unable to parse ldif_wrap="1"' -o ldif_wrap=1 -H "$LDAP_URI"
+
+# Memory stays flat: the peak of 60 entries of 200 KB is that of 6, give or take 2 MB.
+if [ "${3:-}" = --rss ]; then
+  peak() { # ARGS...: the tool's peak resident set in KB
+    /usr/bin/time -f %M -o "$work/rss" "$tool" -H "$LDAP_URI" -b "ou=heavy,ou=edge,$BASE_DN" \
+      -s one "$@" >/dev/null 2>&1
+    tail -1 "$work/rss"
+  }
+  small=$(peak -z 6)
+  large=$(peak)
+  echo "peak RSS: 6 entries ${small} KB, 60 entries ${large} KB"
+  ((large - small < 2048)) || fail "memory grows with the search: $small KB, then $large KB"
+fi
+
+echo "test_tool_ldif: $failures failed"
+[ "$failures" -eq 0 ]
