@@ -38,8 +38,10 @@ const char kUsage[] =
     "  -W           prompt for the bind password\n"
     "  -y file      read the bind password from file (its whole contents, as is)\n"
     "  -Y GSSAPI    SASL GSSAPI bind with the Kerberos credential cache of KRB5CCNAME\n"
-    "               (a FILE: cache; default /tmp/krb5cc_UID), no security layer\n"
+    "               (a FILE: cache; default /tmp/krb5cc_UID), no security layer unless -O\n"
     "  -U authcid, -R realm  accepted with -Y; they only appear in the library's trace\n"
+    "  -O minssf=N,maxssf=N  a security layer for -Y of strength N to N (as soon as -O is\n"
+    "               given: minssf=0,maxssf=2147483647; maxssf=1 signs, minssf=56 seals)\n"
     "  -Q           accepted (SASL binds are always quiet)\n"
     "  -b base      search base (default: BASE of ldap.conf, else the empty DN)\n"
     "  -s scope     base, one or sub (default sub)\n"
@@ -286,6 +288,31 @@ void extended_option(Options &o, const std::string &opt)
     }
 }
 
+// -O: the SASL security properties, of which the strength range is taken.
+void sasl_secprops(Options &o, const std::string &list)
+{
+    if (!o.sasl_layer) {
+        o.sasl_layer = true;
+        o.min_ssf = 0;
+        o.max_ssf = INT32_MAX;  // ldapsearch's default: the strongest layer offered
+    }
+    size_t at = 0;
+    while (at <= list.size()) {
+        size_t comma = list.find(',', at);
+        std::string prop = list.substr(at, comma == std::string::npos ? comma : comma - at);
+        at = comma == std::string::npos ? list.size() + 1 : comma + 1;
+        size_t eq = prop.find('=');
+        std::string name = prop.substr(0, eq),
+                    v = eq == std::string::npos ? "" : prop.substr(eq + 1);
+        if ((name != "minssf" && name != "maxssf") || !is_integer(v.c_str()) ||
+            std::strtoul(v.c_str(), nullptr, 10) > INT32_MAX)
+            usage_error("option -O " + prop + " not supported (only minssf=N and maxssf=N)");
+        (name == "minssf" ? o.min_ssf : o.max_ssf) =
+            static_cast<uint32_t>(std::strtoul(v.c_str(), nullptr, 10));
+    }
+    if (o.min_ssf > o.max_ssf) usage_error("-O minssf above maxssf");
+}
+
 }  // namespace
 
 [[noreturn]] void usage_error(const std::string &msg)
@@ -317,7 +344,7 @@ Options parse_options(int argc, char **argv)
 
     int c;
     opterr = 0;
-    while ((c = getopt(n, args.data(), ":H:ZxD:w:Wy:Y:U:R:Qb:s:a:z:l:o:Ad::L")) != -1) {
+    while ((c = getopt(n, args.data(), ":H:ZxD:w:Wy:Y:U:R:O:Qb:s:a:z:l:o:Ad::L")) != -1) {
         switch (c) {
             case 'H':
                 o.uris = split_uris(optarg);
@@ -354,6 +381,9 @@ Options parse_options(int argc, char **argv)
                 break;
             case 'R':
                 o.sasl_realm = optarg;
+                break;
+            case 'O':
+                sasl_secprops(o, optarg);
                 break;
             case 'b':
                 o.base = optarg;

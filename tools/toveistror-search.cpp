@@ -383,6 +383,8 @@ void gssapi_bind(CMP_LDAP *ld, const Options &o)
         std::exit(kExitUsage);
     }
     ld->ld_errno = 0;
+    if (o.sasl_layer && cmp_ldap_set_sasl_ssf(ld, o.min_ssf, o.max_ssf) != 0)
+        fail_session(ld, "bind");
     if (cmp_ldap_bind(ld, o.sasl_user.c_str(), nullptr, o.sasl_realm.c_str(), cache.c_str(),
                       CMP_LDAP_AUTH_SASL) >= 0)
         return;

@@ -41,6 +41,8 @@ struct Options {
     std::string sasl_mech;  // -Y: GSSAPI only; -U and -R go to the library's trace
     std::string sasl_user;
     std::string sasl_realm;
+    bool sasl_layer = false;  // -O: a security layer from min_ssf to max_ssf
+    uint32_t min_ssf = 0, max_ssf = 0;
     std::string base;
     bool base_given = false;  // -b, as opposed to BASE from ldap.conf or LDAPBASE
     uint32_t scope = CMP_LDAP_SCOPE_SUBTREE;

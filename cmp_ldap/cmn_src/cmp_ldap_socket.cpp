@@ -614,3 +614,19 @@ int cmp_ldap_tls_end(CMP_LDAP *ld)
     /* The socket stays open; closing it is the caller's. */
     return 0;
 }
+
+#if !CMP_LDAP_WITH_SASL
+/* Without SASL no bind can negotiate a layer: only the default is taken. */
+int cmp_ldap_set_sasl_ssf(CMP_LDAP *ld, uint32_t min_ssf, uint32_t max_ssf)
+{
+    static const char kName[] = "cmp_ldap_set_sasl_ssf";
+    int32_t code = ld == nullptr || min_ssf > max_ssf ? CMP_LDAP_PARAM_ERROR
+                   : max_ssf != 0                     ? CMP_LDAP_AUTH_UNKNOWN
+                                                      : 0;
+    if (code == 0) return 0;
+    CMP_LDAP_LOG(code, "%s(): parameter error (ld=%p,min_ssf=%u,max_ssf=%u).\n", kName, (void *)ld,
+                 (unsigned)min_ssf, (unsigned)max_ssf);
+    if (ld != nullptr) ld->ld_errno = code;
+    return code;
+}
+#endif

@@ -424,7 +424,9 @@ CMP_LDAP_API void cmp_ldap_int_sasl_close(CMP_LDAP *ld);
  * fails the bind. Once a bind has negotiated a layer, every later request and
  * response of the session travels wrapped (4-octet length, then the SASL library's
  * encoding), and the layer lasts until cmp_ldap_unbind. Returns 0,
- * CMP_LDAP_PARAM_ERROR (no handle, min_ssf above max_ssf) or CMP_LDAP_NO_MEMORY. */
+ * CMP_LDAP_PARAM_ERROR (no handle, min_ssf above max_ssf) or CMP_LDAP_NO_MEMORY. Unlike
+ * the functions above it is in every build: without SASL it takes only the default and
+ * refuses a layer with CMP_LDAP_AUTH_UNKNOWN. */
 CMP_LDAP_API int cmp_ldap_set_sasl_ssf(CMP_LDAP *ld, uint32_t min_ssf, uint32_t max_ssf);
 
 /* ------------------------------------------------------------------------
