@@ -485,7 +485,7 @@ class session {
         return bind(user, nullptr, domain, ccname, CMP_LDAP_AUTH_SASL, wait);
     }
     /* A security layer for the later SASL binds: (1, 1) signs, (56, 256) also seals
-     * (cmp_ldap_set_sasl_ssf; builds with SASL only). */
+     * (cmp_ldap_set_sasl_ssf; without SASL only the default, 0 and 0). */
     cmp_ldap::status set_sasl_ssf(uint32_t min_ssf, uint32_t max_ssf) noexcept
     {
         return cmp_ldap::status(cmp_ldap_set_sasl_ssf(ld_.get(), min_ssf, max_ssf));

@@ -41,6 +41,7 @@ same() {
   local name=$1 status=$2 pattern=$3 want got rc_want rc_got auth=(-x)
   shift 3
   case " $* " in *" -Y "*) auth=(-O maxssf=0 -Q) ;; esac
+  case " $* " in *" -O "*) auth=(-Q) ;; esac # a security layer: both tools take the same -O
   want=$(KRB5CCNAME=$CCACHE ldapsearch -LLL "${auth[@]}" "$@" 2>/dev/null)
   rc_want=$?
   KRB5CCNAME=$CCACHE "$tool" -LLL "$@" >"$work/out" 2>"$work/err"
@@ -129,6 +130,10 @@ if [ "$sasl" = 1 ]; then
     # shellcheck disable=SC2086
     same "GSSAPI, strong auth required ($conn)" 8 'SASL:\[GSSAPI\]: Sign or Seal are required\.' \
       $conn "${gssapi[@]}"
+  done
+  # With a security layer, signing or sealing, it takes GSSAPI over plain LDAP too.
+  for layer in maxssf=1 minssf=56; do
+    same "GSSAPI with $layer in clear" 0 - -H ldap://localhost/ -O "$layer" "${gssapi[@]}"
   done
   result "GSSAPI, strong auth required" "0x5103720f other error (StartTLS refused, another test running, ...)" \
     "${ldaps[@]}" -Y GSSAPI -C "$ccache" -b "$BASE_DN"
