@@ -158,11 +158,12 @@ int exit_status(int code)
     return kExitServerDown;
 }
 
-[[noreturn]] void fail(const std::string &what, int code, int status)
+[[noreturn]] void fail(const std::string &what, int code, int status, const char *detail = "")
 {
     std::fflush(stdout);
     std::string why = code != 0 ? code_text(code) : "failed without a result code";
     std::fprintf(stderr, "%s: %s: %s\n", kProg, what.c_str(), why.c_str());
+    if (*detail != '\0') std::fprintf(stderr, "\t%s\n", detail);
     std::exit(status);
 }
 
@@ -239,7 +240,8 @@ CMP_LDAP *open_session(const Options &o, const std::vector<Server> &servers)
         if (a.rc == CMP_LDAP_OTHER) what += " refused by the server";
         status = kExitFailure;
     }
-    fail(what, a.rc, status);
+    // The port knows which names the certificate carries and why it was not trusted.
+    fail(what, a.rc, status, cmp_ldap_posix_tls_failure_text());
 }
 
 std::unique_ptr<CMP_LDAP_TIMEVAL> wait_time(const Options &o)

@@ -43,6 +43,12 @@ uint64_t cmp_netsock_posix_recv_calls(void);
  * or off. Off, every receive is one recv() call of the caller's size. */
 void cmp_netsock_posix_set_read_ahead(int on);
 
+/* Why the last TLS handshake of the calling thread refused the server's
+ * certificate ("the server's certificate is for localhost, 127.0.0.1, not for
+ * 127.0.0.2", "the server's certificate is not trusted: <OpenSSL's reason>"),
+ * or "" when it did not. The library's codes (269, 274) say only that it did. */
+const char *cmp_ldap_posix_tls_failure_text(void);
+
 #ifdef __cplusplus
 }
 #endif

@@ -17,6 +17,9 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+
+#include "cmp_ldap_posix.h"
 #include "osl_scr_ssl_wrp.h"
 #include "osl_scr_ssl_wrp_posix.h"
 #include "posix_internal.h"
@@ -227,6 +230,85 @@ uint32_t apply_masks(SSL *ssl, const OSL_SCR_SSL_WRP_SETTINGS *settings)
     return ok ? OSL_SCR_SSL_WRP_OK : OSL_SCR_SSL_WRP_ERR_GENERAL;
 }
 
+/* Why the last handshake of this thread refused the server's certificate, for
+ * cmp_ldap_posix_tls_failure_text: the codes alone cannot say which names the
+ * certificate carries. */
+thread_local char t_tls_failure[512];
+
+/* Appends the certificate's names (subjectAltName DNS and IP entries, else the
+ * subject's common name) to out, separated by ", ". */
+void certificate_names(X509 *cert, char *out, size_t size)
+{
+    size_t used = strlen(out);
+    const size_t start = used;
+    auto add = [&](const char *name) {
+        int n = snprintf(out + used, size - used, "%s%s", used > start ? ", " : "", name);
+        if (n > 0) used = std::min(used + static_cast<size_t>(n), size - 1);
+    };
+    auto *names = static_cast<GENERAL_NAMES *>(
+        X509_get_ext_d2i(cert, NID_subject_alt_name, nullptr, nullptr));
+    for (int i = 0; i < sk_GENERAL_NAME_num(names); ++i) {
+        const GENERAL_NAME *g = sk_GENERAL_NAME_value(names, i);
+        char text[INET6_ADDRSTRLEN + 1] = "";
+        if (g->type == GEN_DNS) {
+            const unsigned char *d = ASN1_STRING_get0_data(g->d.dNSName);
+            int n = ASN1_STRING_length(g->d.dNSName);
+            char dns[256];
+            snprintf(dns, sizeof dns, "%.*s", n < 255 ? n : 255, reinterpret_cast<const char *>(d));
+            add(dns);
+        } else if (g->type == GEN_IPADD) {
+            int n = ASN1_STRING_length(g->d.iPAddress);
+            int family = n == 4 ? AF_INET : n == 16 ? AF_INET6 : 0;
+            if (family != 0 &&
+                inet_ntop(family, ASN1_STRING_get0_data(g->d.iPAddress), text, sizeof text))
+                add(text);
+        }
+    }
+    GENERAL_NAMES_free(names);
+    if (used == start) {
+        char cn[256] = "";
+        X509_NAME_get_text_by_NID(X509_get_subject_name(cert), NID_commonName, cn, sizeof cn);
+        add(cn);
+    }
+}
+
+/* The server's certificate when the chain check refused it (OpenSSL keeps no peer
+ * certificate after a failed handshake); taken by note_verify_failure. */
+thread_local X509 *t_refused_cert = nullptr;
+
+int keep_refused_certificate(int ok, X509_STORE_CTX *ctx)
+{
+    if (ok == 0 && X509_STORE_CTX_get_error_depth(ctx) == 0 && t_refused_cert == nullptr) {
+        X509 *cert = X509_STORE_CTX_get_current_cert(ctx);
+        if (cert != nullptr && X509_up_ref(cert) == 1) t_refused_cert = cert;
+    }
+    return ok;
+}
+
+void drop_refused_certificate()
+{
+    X509_free(t_refused_cert);
+    t_refused_cert = nullptr;
+}
+
+void note_verify_failure(const TlsConn *c, long result)
+{
+    X509 *cert = t_refused_cert;
+    if ((result == X509_V_ERR_HOSTNAME_MISMATCH || result == X509_V_ERR_IP_ADDRESS_MISMATCH) &&
+        cert != nullptr) {
+        char host[256];
+        posix_port::socket_host(c->fd, host, sizeof(host));
+        snprintf(t_tls_failure, sizeof t_tls_failure, "the server's certificate is for ");
+        certificate_names(cert, t_tls_failure, sizeof t_tls_failure);
+        size_t used = strlen(t_tls_failure);
+        snprintf(t_tls_failure + used, sizeof t_tls_failure - used, ", not for %s", host);
+    } else {
+        snprintf(t_tls_failure, sizeof t_tls_failure, "the server's certificate is not trusted: %s",
+                 X509_verify_cert_error_string(result));
+    }
+    drop_refused_certificate();
+}
+
 /* An address literal (a zone "%eth0" is dropped) goes to out; false for names. */
 bool address_literal(const char *host, char *out, size_t out_size)
 {
@@ -258,7 +340,7 @@ uint32_t apply_host(SSL *ssl, int fd, bool verify)
     int ok = is_literal ? X509_VERIFY_PARAM_set1_ip_asc(param, literal)
                         : X509_VERIFY_PARAM_set1_host(param, host, 0);
     if (ok != 1) return OSL_SCR_SSL_WRP_ERR_GENERAL;
-    SSL_set_verify(ssl, SSL_VERIFY_PEER, nullptr);
+    SSL_set_verify(ssl, SSL_VERIFY_PEER, keep_refused_certificate);
     return OSL_SCR_SSL_WRP_OK;
 }
 
@@ -268,6 +350,7 @@ uint32_t failure_code(const TlsConn *c, int ssl_error, int saved_errno, bool ver
 {
     if (verifying) {
         long result = SSL_get_verify_result(c->ssl);
+        if (result != X509_V_OK) note_verify_failure(c, result);
         if (result == X509_V_ERR_HOSTNAME_MISMATCH || result == X509_V_ERR_IP_ADDRESS_MISMATCH)
             return OSL_SCR_SSL_WRP_ERR_HANDSHAKE_D;
         if (result != X509_V_OK) return OSL_SCR_SSL_WRP_ERR_HANDSHAKE_A;
@@ -402,6 +485,8 @@ uint32_t osl_scr_ssl_wrp_connect_timeo(void *ctx, const OSL_SCR_SSL_WRP_SETTINGS
     SSL_set_mode(c->ssl, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     SSL_set_read_ahead(c->ssl, 1);
 
+    t_tls_failure[0] = '\0';
+    drop_refused_certificate();
     bool verifying =
         settings->verify != 0 || (SSL_CTX_get_verify_mode(sctx) & SSL_VERIFY_PEER) != 0;
     uint32_t rc = apply_masks(c->ssl, settings);
@@ -508,3 +593,8 @@ uint32_t osl_scr_ssl_wrp_term(void *ctx)
 }
 
 }  // extern "C"
+
+extern "C" const char *cmp_ldap_posix_tls_failure_text(void)
+{
+    return t_tls_failure;
+}
