@@ -15,6 +15,7 @@
 
 #include "cmp_ldap.h"
 #include "cmp_ldap_posix.h"
+#include "ldap-uri.h"
 #include "zelOSW.h"
 
 namespace {
@@ -119,32 +120,14 @@ long number(const std::string &text, long min, long max, const char *what)
 // ldap://host[:port] or ldaps://host[:port], an IPv6 address in brackets.
 void parse_uri(const std::string &uri, Options &o)
 {
-    std::string rest;
-    if (strncasecmp(uri.c_str(), "ldap://", 7) == 0) {
-        rest = uri.substr(7);
-    } else if (strncasecmp(uri.c_str(), "ldaps://", 8) == 0) {
-        rest = uri.substr(8);
-        o.tls_mod = CMP_LDAP_TLS_MOD_LDAPS;
-        o.port = 636;
-    } else {
-        usage_error("URI '" + uri + "' must start with ldap:// or ldaps://");
+    tool_uri::LdapUri u;
+    if (!tool_uri::parse_ldap_uri(uri, u)) {
+        usage_error("URI '" + uri + "' is not ldap://host[:port] or ldaps://host[:port]");
     }
-    rest = rest.substr(0, rest.find('/'));
-    size_t colon = rest.rfind(':');
-    if (!rest.empty() && rest[0] == '[') {
-        size_t close = rest.find(']');
-        if (close == std::string::npos) usage_error("bad IPv6 address in '" + uri + "'");
-        o.ipv6 = 1;
-        o.host = rest.substr(1, close - 1);
-        colon = close + 1 < rest.size() && rest[close + 1] == ':' ? close + 1 : std::string::npos;
-        if (close + 1 < rest.size() && colon == std::string::npos) usage_error("bad URI " + uri);
-    } else if (!rest.empty()) {
-        o.host = rest.substr(0, colon);
-    }
-    if (o.host.empty()) o.host = "localhost";
-    if (colon != std::string::npos) {
-        o.port = static_cast<int32_t>(number(rest.substr(colon + 1), 1, 65535, "port"));
-    }
+    o.host = u.host;
+    o.port = u.port;
+    o.ipv6 = u.ipv6 ? 1 : 0;
+    if (u.ldaps) o.tls_mod = CMP_LDAP_TLS_MOD_LDAPS;
 }
 
 Options parse_options(int argc, char **argv)

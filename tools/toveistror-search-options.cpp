@@ -469,44 +469,6 @@ Options parse_options(int argc, char **argv)
     return o;
 }
 
-bool parse_uri(const std::string &uri, Server &s)
-{
-    std::string rest;
-    if (strncasecmp(uri.c_str(), "ldap://", 7) == 0) {
-        rest = uri.substr(7);
-    } else if (strncasecmp(uri.c_str(), "ldaps://", 8) == 0) {
-        rest = uri.substr(8);
-        s.ldaps = true;
-        s.port = 636;
-    } else {
-        return false;
-    }
-    rest = rest.substr(0, rest.find('/'));
-    std::string port;
-    if (!rest.empty() && rest[0] == '[') {
-        size_t close_br = rest.find(']');
-        if (close_br == std::string::npos) return false;
-        s.host = rest.substr(1, close_br - 1);
-        s.ipv6 = true;
-        if (close_br + 1 < rest.size()) {
-            if (rest[close_br + 1] != ':') return false;
-            port = rest.substr(close_br + 2);
-        }
-    } else {
-        size_t colon = rest.find(':');
-        s.host = rest.substr(0, colon);
-        if (colon != std::string::npos) port = rest.substr(colon + 1);
-    }
-    if (s.host.empty()) s.host = "localhost";
-    if (!port.empty()) {
-        char *end = nullptr;
-        long p = std::strtol(port.c_str(), &end, 10);
-        if (*end != '\0' || p < 1 || p > 65535) return false;
-        s.port = static_cast<int>(p);
-    }
-    return true;
-}
-
 std::string join_attributes(const std::vector<std::string> &attrs)
 {
     if (attrs.size() > 8) usage_error("at most 8 attribute names are supported");

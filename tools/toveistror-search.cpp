@@ -545,7 +545,7 @@ int main(int argc, char **argv)
     Options o = parse_options(argc, argv);
     std::vector<Server> servers(o.uris.size());
     for (size_t i = 0; i < o.uris.size(); ++i) {
-        if (!parse_uri(o.uris[i], servers[i])) {
+        if (!tool_uri::parse_ldap_uri(o.uris[i], servers[i])) {
             std::string all;
             for (const auto &u : o.uris)
                 all += (all.empty() ? "" : " ") + u;

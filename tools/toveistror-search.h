@@ -10,8 +10,11 @@
 #include <vector>
 
 #include "cmp_ldap.h"
+#include "ldap-uri.h"
 
 namespace search_tool {
+
+using Server = tool_uri::LdapUri;
 
 extern const char *const kProg;
 
@@ -60,17 +63,8 @@ struct Options {
     bool verify = true;  // TLS_REQCERT
 };
 
-struct Server {
-    std::string host;
-    int port = 389;
-    bool ldaps = false;
-    bool ipv6 = false;
-};
-
 // Exits with a usage error on anything the tool does not take.
 Options parse_options(int argc, char **argv);
-// False for a URI the tool cannot use; a bare "ldap://" means localhost.
-bool parse_uri(const std::string &uri, Server &s);
 std::string join_attributes(const std::vector<std::string> &attrs);
 
 // ---------------------------------------------------------------------------
