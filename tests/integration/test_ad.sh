@@ -86,6 +86,11 @@ same "global catalog, StartTLS" 0 - -H ldap://localhost:3268/ -ZZ "${device[@]}"
   "(&(cn=Contact 19*)(mail=*))" mail
 same "global catalog, LDAPS" 0 - -H ldaps://localhost:3269/ "${device[@]}" -b "" "(cn=Alice)" \
   userPrincipalName
+same "the whole domain, every attribute" 0 - "${ldaps[@]}" "${admin[@]}" -b "$BASE_DN"
+same "configuration partition, by its reference" 0 - "${starttls[@]}" "${admin[@]}" \
+  -b "CN=Configuration,$BASE_DN" "(objectClass=*)" objectClass objectGUID
+same "root DSE, anonymous" 0 - "${ldaps[@]}" -b "" -s base "(objectClass=*)" namingContexts \
+  defaultNamingContext supportedSASLMechanisms supportedLDAPVersion
 same "no such base" 32 'No such object \(32\)' "${ldaps[@]}" "${device[@]}" -b "OU=Nowhere,$BASE_DN"
 same "anonymous" 1 'Operations error \(1\)' "${ldaps[@]}" -b "$BASE_DN" -s base
 same "simple bind in clear" 8 'BindSimple: Transport encryption required\.' \
