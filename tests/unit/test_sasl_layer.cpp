@@ -2,6 +2,7 @@
  * wrapped requests, the wrapped responses under the PDU reader (chunk boundaries,
  * hostile and cut buffers, failures of the SASL library) and the end at unbind. The
  * fake SASL library's layer is a 4-octet length and every octet XOR kLayerMask. */
+#include <algorithm>
 #include <utility>
 
 #include "cmp_ldap_sasl_internal.h"
@@ -36,6 +37,14 @@ Bytes bind_response(uint8_t id, uint8_t code, const std::string &creds)
     Bytes result = cat(
         {hex("0A 01"), {code}, hex("04 00 04 00"), tlv(0x87, Bytes(creds.begin(), creds.end()))});
     return tlv(0x30, cat({tlv(0x02, {id}), tlv(0x61, result)}));
+}
+/* The SASL BindRequest of the default exchange's step with this id and credentials. */
+Bytes bind_request(uint8_t id, const std::string &cred)
+{
+    Bytes sasl = tlv(0x04, Bytes{'G', 'S', 'S', 'A', 'P', 'I'});
+    if (!cred.empty()) sasl = cat({sasl, tlv(0x04, Bytes(cred.begin(), cred.end()))});
+    return tlv(0x30,
+               cat({tlv(0x02, {id}), tlv(0x60, cat({hex("02 01 03 04 00"), tlv(0xA3, sasl)}))}));
 }
 /* A SearchResultDone for id 5: the PDU the reads below expect. */
 const Bytes kDone = hex("30 0C 02 01 05 65 07 0A 01 00 04 00 04 00");
@@ -75,15 +84,17 @@ class Layer : public support::FakePortTest {
         ld_->ld_sockfd = kSock;
         ld_->ld_sock_timeout = 5000;
         EXPECT_EQ(cmp_ldap_set_sasl_ssf(ld_, 0, 256), 0);
-        int rc = 0;
-        if (bind) {
-            fake::peer_data(cat({bind_response(1, 14, "srv1"), bind_response(2, 14, "srv2"),
-                                 bind_response(3, 0, "")}));
-            rc = cmp_ldap_sasl_interactive_bind_s(ld_, "u", "D", kCache.c_str());
-        }
+        int rc = bind ? bind_default() : 0;
         sent_before_ = fake::sent().size();
         fake::clear_log();
         return rc;
+    }
+    /* The default exchange of three steps, the server's answers unwrapped. */
+    int bind_default()
+    {
+        fake::peer_data(cat(
+            {bind_response(1, 14, "srv1"), bind_response(2, 14, "srv2"), bind_response(3, 0, "")}));
+        return cmp_ldap_sasl_interactive_bind_s(ld_, "u", "D", kCache.c_str());
     }
     /* Unbind ends the layer with the session (a second time when its own allocation
      * was the one made to fail). */
@@ -135,6 +146,36 @@ TEST_F(Layer, BindAsksForTheCallersStrengthAndKeepsTheLayer)
     EXPECT_EQ(start(none), 3);
     EXPECT_EQ(cmp_ldap_sasl_layer_on(ld_), nullptr);
     EXPECT_EQ(fake_sasl::live_connections(), 0);
+}
+
+TEST_F(Layer, ASecondBindTravelsThroughTheLayerAndReplacesIt)
+{
+    fake::peer_data(cat({wrap(bind_response(4, 14, "srv1")), wrap(bind_response(5, 14, "srv2")),
+                         wrap(bind_response(6, 0, ""))}));
+    EXPECT_EQ(cmp_ldap_sasl_interactive_bind_s(ld_, "u", "D", kCache.c_str()), 6);
+    /* Each request in wrapped pieces of at most 10 plain octets, the layer's maximum. */
+    Bytes want;
+    for (const Bytes &pdu : {bind_request(4, "tok1"), bind_request(5, ""), bind_request(6, "tok3")})
+        for (size_t at = 0; at < pdu.size(); at += 10)
+            want = cat({want, wrap(slice(pdu, at, std::min(pdu.size(), at + 10)))});
+    EXPECT_EQ(sent_since(), want);
+    EXPECT_EQ(fake_sasl::live_connections(), 1);
+    EXPECT_NE(cmp_ldap_sasl_layer_on(ld_), nullptr);
+}
+
+TEST_F(Layer, ALayerWithoutAMaximumBufferIsRefusedAndTheConnectionDropped)
+{
+    end();
+    fake_sasl::Script script = layered();
+    script.maxoutbuf = 0;
+    start(script, false);
+    EXPECT_EQ(bind_default(), -1);
+    EXPECT_EQ(ld_->ld_errno, CMP_LDAP_SASL_ERROR);
+    EXPECT_EQ(ld_->ld_sockfd, CMP_LDAP_DROPPED_SOCKET);
+    EXPECT_EQ(cmp_ldap_sasl_layer_on(ld_), nullptr);
+    EXPECT_EQ(fake_sasl::live_connections(), 0);
+    EXPECT_TRUE(support::logged_whole(
+        support::err(283, "cmp_ldap_sasl_layer_install(): no maximum output buffer (ssf=56).\n")));
 }
 
 TEST_F(Layer, SetterRefusesWhatIsNoRangeAndTheDefaultCostsNothing)
