@@ -102,7 +102,7 @@ stage_ad() {
   # one, the ASan build; both take one provisioned domain.
   local ad_stage=1 dirs=(build) d rc=0
   [ -f build-asan/CMakeCache.txt ] && dirs+=(build-asan)
-  export TOVEISTROR_AD_SHARED=$root/build/ad-domain
+  local -x TOVEISTROR_AD_SHARED=$root/build/ad-domain
   configure_gcc || return 1
   for d in "${dirs[@]}"; do
     cmake --build "$d" -j"$jobs" &&
