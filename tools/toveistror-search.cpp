@@ -405,6 +405,33 @@ struct Tally {
     long references = 0;
 };
 
+// The values of the attribute at pos, read in place. Only for a name that came
+// before in the same entry: a lookup by name (cmp_ldap_get_values_binary) would
+// answer with the earlier attribute's values, where ldapsearch writes each as
+// sent. False for an attribute that is not well formed.
+bool print_values_at(const CMP_LDAP_MESSAGE *m, int32_t pos, const char *name, Ldif &out)
+{
+    auto inside = [m](int32_t p) { return p >= 0 && p < m->cmp_ldap_total_size; };
+    if (!inside(pos) || cmp_ldap_ber_get_tag(m, pos) != 0x30) return false;
+    int32_t end = cmp_ldap_ber_get_next(m, pos);
+    auto type = static_cast<int32_t>(cmp_ldap_ber_get_content(m, pos));
+    if (end < 0 || !inside(type)) return false;
+    int32_t set = cmp_ldap_ber_get_next(m, type);
+    if (!inside(set) || set >= end || cmp_ldap_ber_get_tag(m, set) != 0x31) return false;
+    int32_t set_end = cmp_ldap_ber_get_next(m, set);
+    auto v = static_cast<int32_t>(cmp_ldap_ber_get_content(m, set));
+    if (set_end < 0 || set_end > end || v < 0) return false;
+    while (v < set_end) {
+        if (cmp_ldap_ber_get_tag(m, v) != 0x04) return false;
+        int32_t next = cmp_ldap_ber_get_next(m, v);
+        auto at = static_cast<int32_t>(cmp_ldap_ber_get_content(m, v));
+        if (next < 0 || next > set_end || at < 0 || at > next) return false;
+        out.value(name, m->cmp_ldap_ber + at, static_cast<size_t>(next - at));
+        v = next;
+    }
+    return v == set_end;
+}
+
 // One entry, written as its values are read; nothing of it outlives the message.
 // With -A only the names are written, whatever values the server sent along.
 void print_entry(CMP_LDAP *ld, CMP_LDAP_MESSAGE *msg, const Options &o, Ldif &out)
@@ -416,20 +443,38 @@ void print_entry(CMP_LDAP *ld, CMP_LDAP_MESSAGE *msg, const Options &o, Ldif &ou
     out.value("dn", dn);
     cmp_ldap_dn_free(dn);
 
+    std::vector<std::string> seen;
     void *cursor = nullptr;
-    for (char *a = cmp_ldap_first_attribute(ld, msg, &cursor); a != nullptr;
-         a = cmp_ldap_next_attribute(ld, msg, cursor)) {
+    char *a = cmp_ldap_first_attribute(ld, msg, &cursor);
+    // Where the attribute just named starts: the first of the list, then the
+    // cursor as it stood before each step.
+    int32_t at = -1;
+    if (a != nullptr) {
+        at = static_cast<int32_t>(cmp_ldap_ber_get_content(msg, msg->cmp_ldap_attrs_pos));
+    }
+    while (a != nullptr) {
         std::string name = a;  // the buffer belongs to the message
-        CMP_LDAP_BERVAL **vals = cmp_ldap_get_values_binary(ld, msg, name.c_str());
-        if (vals == nullptr) fail_session(ld, "reading the values of " + name);
-        if (o.attrsonly || vals[0] == nullptr) {
-            // An attribute without values is written only with -A, as ldapsearch does.
-            if (o.attrsonly) out.value(name.c_str(), "");
+        bool again = false;
+        for (const auto &n : seen)
+            again = again || strcasecmp(n.c_str(), name.c_str()) == 0;
+        seen.push_back(name);
+        if (o.attrsonly) {
+            out.value(name.c_str(), "");
+        } else if (again) {
+            if (!print_values_at(msg, at, name.c_str(), out)) {
+                ld->ld_errno = CMP_LDAP_DECODING_ERROR;
+                fail_session(ld, "reading the values of " + name);
+            }
         } else {
+            // An attribute without values is written only with -A, as ldapsearch does.
+            CMP_LDAP_BERVAL **vals = cmp_ldap_get_values_binary(ld, msg, name.c_str());
+            if (vals == nullptr) fail_session(ld, "reading the values of " + name);
             for (CMP_LDAP_BERVAL **v = vals; *v != nullptr; ++v)
                 out.value(name.c_str(), (*v)->data, (*v)->total_size);
+            cmp_ldap_value_free_binary(vals);
         }
-        cmp_ldap_value_free_binary(vals);
+        at = msg->cmp_ldap_next_attr_pos;
+        a = cmp_ldap_next_attribute(ld, msg, cursor);
     }
     if (ld->ld_errno != 0) fail_session(ld, "reading an entry's attributes");
     Ldif::raw("\n");

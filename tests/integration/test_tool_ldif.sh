@@ -31,6 +31,9 @@ edge="cn=folds,ou=edge,dc=example,dc=test"
     b64[i]=$(printf '\001%s' "$v" | base64 -w0)
   done
   printf 'audio:: %s\n' "${b64[@]}"
+  # Attributes repeated in one entry, as slapd sends them when they were loaded so.
+  printf '\ndn: cn=repeated,ou=edge,dc=example,dc=test\nobjectClass: inetOrgPerson\ncn: repeated\n'
+  printf 'sn: a\ndescription: one\nsn: b\nDescription: two\naudio:: AQ==\ndescription: three\n'
   printf '\ndn: cn=many,ou=edge,dc=example,dc=test\nobjectClass: inetOrgPerson\ncn: many\nsn: many\n'
   for ((i = 1; i <= 1000; i++)); do printf 'description: value %04d\n' "$i"; done
   heavy=$(head -c 204800 /dev/zero | tr '\0' '\252' | base64 -w0)
