@@ -14,6 +14,9 @@ PKGS=(
   clang clang-format libclang-rt-dev libgtest-dev libgmock-dev googletest libbenchmark-dev
   krb5-kdc krb5-admin-server krb5-user libsasl2-modules-gssapi-mit
   python3
+  # bench: OpenLDAP's libldap as the side-by-side baseline (bench/side_by_side.sh), with
+  # valgrind (callgrind) and strace for its counts
+  libldap-dev valgrind strace
   # the ad stage: a throwaway Samba AD domain controller (samba-ad-provision holds the
   # provisioning's .ldf files), ldbmodify for its bulk data
   samba samba-ad-dc samba-ad-provision winbind smbclient ldb-tools

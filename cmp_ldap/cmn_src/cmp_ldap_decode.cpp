@@ -10,6 +10,7 @@
  * the PDU's size before it happens, and every position sum is formed in 64 bits:
  * a declared length near 4 GiB must never wrap back into a "valid" position.
  */
+#include "cmp_ldap_ber_quiet.h"
 #include "cmp_ldap_internal.h"
 
 namespace {
@@ -68,6 +69,17 @@ bool same_attribute_type(const char *wanted, const char *name)
 {
     for (;; ++wanted, ++name) {
         if (fold(*wanted) != fold(*name)) return false;
+        if (*wanted == '\0') return true;
+    }
+}
+
+/* The same comparison against a type still in the PDU, read as the C string its copy
+ * would be (ending at its first NUL). */
+bool same_attribute_type_at(const char *wanted, const unsigned char *type, uint32_t len)
+{
+    for (uint32_t i = 0;; ++i, ++wanted) {
+        const char c = i < len ? (char)type[i] : '\0';
+        if (*wanted != c && fold(*wanted) != fold(c)) return false;
         if (*wanted == '\0') return true;
     }
 }
@@ -212,13 +224,8 @@ uint32_t cmp_ldap_ber_decode_string(const CMP_LDAP_MESSAGE *mes, int32_t pos, ch
     uint32_t len = 0, content = 0;
     *out = nullptr;
     if (cmp_ldap_ber_decode_string_stub(mes, pos, &len, &content) != 0) return CMP_LDAP_POS_ERROR;
-    /* len <= total_size < 2^31, so len + 1 cannot wrap. */
-    auto *s = static_cast<char *>(cmp_ldap_malloc("cmp_ldap_ber_decode_string", len + 1u));
-    if (s == nullptr) return CMP_LDAP_POS_ERROR;
-    memcpy(s, cmp_ldap_pdu(mes) + content, len);
-    s[len] = '\0';
-    *out = s;
-    return content + len;
+    *out = cmp_ldap_copy_text(mes, (int32_t)content, len);
+    return *out == nullptr ? CMP_LDAP_POS_ERROR : content + len;
 }
 
 uint32_t cmp_ldap_ber_decode_string_len(const CMP_LDAP_MESSAGE *mes, int32_t pos,
@@ -229,13 +236,8 @@ uint32_t cmp_ldap_ber_decode_string_len(const CMP_LDAP_MESSAGE *mes, int32_t pos
     *out = nullptr;
     if (cmp_ldap_ber_decode_string_stub(mes, pos, &len, &content) != 0) return CMP_LDAP_POS_ERROR;
     /* The count, then the octets; no terminator. */
-    auto *block = static_cast<unsigned char *>(
-        cmp_ldap_malloc("cmp_ldap_ber_decode_string_len", len + (uint32_t)sizeof(uint32_t)));
-    if (block == nullptr) return CMP_LDAP_POS_ERROR;
-    memcpy(block, &len, sizeof len);
-    memcpy(block + sizeof len, cmp_ldap_pdu(mes) + content, len);
-    *out = reinterpret_cast<CMP_LDAP_BERVAL *>(block);
-    return content + len;
+    *out = cmp_ldap_copy_counted(mes, (int32_t)content, len);
+    return *out == nullptr ? CMP_LDAP_POS_ERROR : content + len;
 }
 
 /* ---------------------------------------------------------------------------
@@ -310,6 +312,7 @@ int32_t cmp_ldap_ber_decode_ldap_message(const CMP_LDAP_MESSAGE *mes, CMP_LDAP_M
     static const char kName[] = "cmp_ldap_ber_decode_ldap_message";
     CMP_LDAP_ASSERT(mes != nullptr, "mes != ((void *)0)", CMP_LDAP_SRC_DECODE);
     CMP_LDAP_ASSERT(rec != nullptr, "rec != ((void *)0)", CMP_LDAP_SRC_DECODE);
+    if (cmp_ldap_quiet_envelope(mes, rec)) return rec->pos;
 
     /* Only the tag number is examined: 0x10 and 0x70 pass as the SEQUENCE too. */
     uint8_t tag = cmp_ldap_ber_get_tag(mes, 0);
@@ -342,6 +345,8 @@ int32_t cmp_ldap_ber_decode_ldap_message(const CMP_LDAP_MESSAGE *mes, CMP_LDAP_M
 int32_t cmp_ldap_ber_get_next(const CMP_LDAP_MESSAGE *mes, int32_t pos)
 {
     CMP_LDAP_ASSERT(mes != nullptr, "mes != ((void *)0)", CMP_LDAP_SRC_DECODE);
+    int32_t quick = 0;
+    if (cmp_ldap_quiet_next(mes, pos, &quick)) return quick;
     uint32_t len_len = cmp_ldap_ber_get_length_length(mes, pos);
     uint32_t content_len = cmp_ldap_ber_get_content_length(mes, pos);
     /* The next position is not checked against the size (the next read at it
@@ -362,6 +367,8 @@ int32_t cmp_ldap_ber_count_members(const CMP_LDAP_MESSAGE *mes, int32_t pos)
 {
     static const char kName[] = "cmp_ldap_ber_count_members";
     CMP_LDAP_ASSERT(mes != nullptr, "mes != ((void *)0)", CMP_LDAP_SRC_DECODE);
+    int32_t quick = 0, first = 0;
+    if (cmp_ldap_quiet_count(mes, pos, &quick, &first)) return quick;
     int32_t end = cmp_ldap_ber_get_next(mes, pos);
     if (end == -1) {
         CMP_LDAP_LOG(-1, "%s(): Cannot get value end pos.\n", kName);
@@ -392,6 +399,8 @@ int32_t cmp_ldap_ber_get_attr_pos_of_search_entry(const CMP_LDAP_MESSAGE *mes)
 {
     static const char kName[] = "cmp_ldap_ber_get_attr_pos_of_search_entry";
     CMP_LDAP_ASSERT(mes != nullptr, "mes != ((void *)0)", CMP_LDAP_SRC_DECODE);
+    int32_t dn = 0, list = 0;
+    if (cmp_ldap_quiet_entry(mes, &dn, &list)) return list;
     CMP_LDAP_MESSAGE_REC rec;
     if (cmp_ldap_ber_decode_ldap_message(mes, &rec) == -1) return -1;
     if (rec.application != CMP_LDAP_RES_SEARCH_ENTRY) {
@@ -423,16 +432,110 @@ int32_t cmp_ldap_ber_get_attr_pos_of_search_entry(const CMP_LDAP_MESSAGE *mes)
     return q;
 }
 
+namespace {
+
+const char kLookupName[] = "cmp_ldap_ber_lookup_attribute_on_search_entry";
+
+/* The lookup's scan from the PartialAttribute at p on, with the name buffer allocated
+ * (and released here on every path). */
+int32_t cmp_ldap_lookup_scan(const CMP_LDAP_MESSAGE *mes, const char *attr, char *name, uint32_t p,
+                             int32_t end)
+{
+    for (;;) {
+        uint32_t r =
+            cmp_ldap_ber_decode_attr_name_of_attribute(mes, (int32_t)p, name, kAttrNameSize);
+        if (r == CMP_LDAP_POS_ERROR) break;
+        if (same_attribute_type(attr, name)) {
+            cmp_ldap_free(name);
+            return (int32_t)r; /* the value SET follows the type */
+        }
+        int32_t next = cmp_ldap_ber_get_next(mes, (int32_t)p);
+        if (next == -1) {
+            CMP_LDAP_LOG(-1, "%s(): Failed to get next position.\n", kLookupName);
+            break;
+        }
+        p = (uint32_t)next;
+        /* The test is on r, the end of the type just read, not on the new p;
+         * deliberate: a missing name steps once past the list and fails on the
+         * decode of whatever follows it. */
+        if (!((int32_t)r < end && (int32_t)r < mes->cmp_ldap_total_size)) break;
+    }
+    cmp_ldap_free(name);
+    return -1;
+}
+
+/* The same scan over well-formed attributes, comparing each type where it lies; the
+ * first attribute it cannot read silently goes to the scan above. */
+int32_t cmp_ldap_lookup_scan_quiet(const CMP_LDAP_MESSAGE *mes, const char *attr, char *name,
+                                   int32_t p, int32_t end)
+{
+    for (;;) {
+        int32_t type = 0, next = 0;
+        uint32_t len = 0;
+        if (!cmp_ldap_quiet_attr_type(mes, p, &type, &len) || !cmp_ldap_quiet_next(mes, p, &next))
+            return cmp_ldap_lookup_scan(mes, attr, name, (uint32_t)p, end);
+        const int32_t r = type + (int32_t)len;
+        if (same_attribute_type_at(attr, cmp_ldap_pdu(mes) + type, len)) {
+            cmp_ldap_free(name);
+            return r;
+        }
+        if (!(r < end && r < mes->cmp_ldap_total_size)) {
+            cmp_ldap_free(name);
+            return -1;
+        }
+        p = next;
+    }
+}
+
+/* A lookup of the name that the walk has just put in the buffer, answered from the
+ * walk's mark: the current attribute, when no earlier name can be the same and the
+ * attribute in the PDU still is where the mark says and bears that name. */
+bool cmp_ldap_lookup_marked(const CMP_LDAP_MESSAGE *mes, int32_t *set)
+{
+    CMP_LDAP_WALK_MARK m;
+    if (!cmp_ldap_walk_mark_get(mes, &m)) return false;
+    /* A name equal to the current one has its hash bit. */
+    const uint64_t earlier = ((uint64_t)m.earlier_hi << 32) | m.earlier_lo;
+    if ((earlier >> m.bit) & 1u) return false;
+    int32_t type = 0, next = 0;
+    uint32_t type_len = 0;
+    if (!cmp_ldap_quiet_attr_type(mes, m.cur, &type, &type_len) ||
+        type + (int32_t)type_len != m.set || !cmp_ldap_quiet_next(mes, m.cur, &next) ||
+        next != m.next ||
+        !same_attribute_type_at(mes->cmp_ldap_attr_name, cmp_ldap_pdu(mes) + type, type_len))
+        return false;
+    *set = m.set;
+    return true;
+}
+
+}  // namespace
+
 int32_t cmp_ldap_ber_lookup_attribute_on_search_entry(const CMP_LDAP_MESSAGE *mes, const char *attr)
 {
-    static const char kName[] = "cmp_ldap_ber_lookup_attribute_on_search_entry";
+    static const char *const kName = kLookupName;
     CMP_LDAP_ASSERT(nullptr != mes, "((void *)0) != mes", CMP_LDAP_SRC_DECODE);
     CMP_LDAP_ASSERT(nullptr != attr, "((void *)0) != attr", CMP_LDAP_SRC_DECODE);
     char *name = nullptr;
     int32_t end = -1;
     uint32_t p = CMP_LDAP_POS_ERROR;
 
-    int32_t list = cmp_ldap_ber_get_attr_pos_of_search_entry(mes);
+    int32_t dn = 0, list = 0, first = 0;
+    uint32_t unused = 0;
+    if (attr == mes->cmp_ldap_attr_name && cmp_ldap_lookup_marked(mes, &first)) {
+        /* The name buffer is allocated and released as by the scan it stands in for. */
+        name = static_cast<char *>(cmp_ldap_malloc(kName, (uint32_t)kAttrNameSize));
+        if (name == nullptr) return -1;
+        cmp_ldap_free(name);
+        return first;
+    }
+    if (cmp_ldap_quiet_entry(mes, &dn, &list) && cmp_ldap_quiet_next(mes, list, &end) &&
+        cmp_ldap_quiet_header(mes, list, &first, &unused)) {
+        name = static_cast<char *>(cmp_ldap_malloc(kName, (uint32_t)kAttrNameSize));
+        if (name == nullptr) return -1;
+        return cmp_ldap_lookup_scan_quiet(mes, attr, name, first, end);
+    }
+
+    list = cmp_ldap_ber_get_attr_pos_of_search_entry(mes);
     if (list == -1) goto fail;
     end = cmp_ldap_ber_get_next(mes, list);
     if (end == -1) {
@@ -447,27 +550,7 @@ int32_t cmp_ldap_ber_lookup_attribute_on_search_entry(const CMP_LDAP_MESSAGE *me
 
     name = static_cast<char *>(cmp_ldap_malloc(kName, (uint32_t)kAttrNameSize));
     if (name == nullptr) return -1;
-    for (;;) {
-        uint32_t r =
-            cmp_ldap_ber_decode_attr_name_of_attribute(mes, (int32_t)p, name, kAttrNameSize);
-        if (r == CMP_LDAP_POS_ERROR) break;
-        if (same_attribute_type(attr, name)) {
-            cmp_ldap_free(name);
-            return (int32_t)r; /* the value SET follows the type */
-        }
-        int32_t next = cmp_ldap_ber_get_next(mes, (int32_t)p);
-        if (next == -1) {
-            CMP_LDAP_LOG(-1, "%s(): Failed to get next position.\n", kName);
-            break;
-        }
-        p = (uint32_t)next;
-        /* The test is on r, the end of the type just read, not on the new p;
-         * deliberate: a missing name steps once past the list and fails on the
-         * decode of whatever follows it. */
-        if (!((int32_t)r < end && (int32_t)r < mes->cmp_ldap_total_size)) break;
-    }
-    cmp_ldap_free(name);
-    return -1;
+    return cmp_ldap_lookup_scan(mes, attr, name, p, end);
 
 fail:
     /* Nothing is allocated yet; the release still runs, with a null block. */

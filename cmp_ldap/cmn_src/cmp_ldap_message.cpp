@@ -6,6 +6,7 @@
  * Every reader walks the PDU in place through the decoding primitives, which do
  * all the bounds checking; nothing here touches the PDU bytes directly.
  */
+#include "cmp_ldap_ber_quiet.h"
 #include "cmp_ldap_internal.h"
 
 namespace {
@@ -34,6 +35,56 @@ void cmp_ldap_release_array_backwards(T **array, uint32_t count)
         cmp_ldap_free(array[count]);
     }
     cmp_ldap_free(array);
+}
+
+/* Reads the type of the PartialAttribute at pos into the message's name buffer and
+ * gives the position after the attribute, when both read cleanly (otherwise the
+ * caller takes its logging path), and leaves the walk's mark after the name when the
+ * hash bits of the names before it are known (earlier not null). */
+inline bool cmp_ldap_quiet_take_attribute(CMP_LDAP_MESSAGE *entry, int32_t end, int32_t pos,
+                                          const uint64_t *earlier, int32_t *next)
+{
+    int32_t type = 0;
+    uint32_t len = 0;
+    if (!cmp_ldap_quiet_attr_type(entry, pos, &type, &len) ||
+        !cmp_ldap_quiet_next(entry, pos, next))
+        return false;
+    memcpy(entry->cmp_ldap_attr_name, cmp_ldap_pdu(entry) + type, len);
+    entry->cmp_ldap_attr_name[len] = '\0';
+    if (earlier != nullptr)
+        cmp_ldap_walk_mark_put(entry, *earlier, end, pos, *next, type + (int32_t)len, len);
+    return true;
+}
+
+/* One value of a SET decoded at pos, into *record when binary, else into *text: the
+ * position after it, or all ones. */
+inline uint32_t cmp_ldap_decode_value(const CMP_LDAP_MESSAGE *entry, uint32_t pos, int binary,
+                                      char **text, CMP_LDAP_BERVAL **record)
+{
+    int32_t content = 0;
+    uint32_t len = 0;
+    if (!cmp_ldap_quiet_string(entry, (int32_t)pos, &content, &len)) {
+        /* Not a clean string: the decoder says why. */
+        return binary ? cmp_ldap_ber_decode_string_len(entry, (int32_t)pos, record)
+                      : cmp_ldap_ber_decode_string(entry, (int32_t)pos, text);
+    }
+    bool copied = false;
+    if (binary)
+        copied = (*record = cmp_ldap_copy_counted(entry, content, len)) != nullptr;
+    else
+        copied = (*text = cmp_ldap_copy_text(entry, content, len)) != nullptr;
+    return copied ? (uint32_t)content + len : CMP_LDAP_POS_ERROR;
+}
+
+/* The objectName could not be copied. Memory or an undecodable name alike: reported
+ * as memory. */
+char *cmp_ldap_get_dn_failed(CMP_LDAP *ld, CMP_LDAP_MESSAGE *entry)
+{
+    static const char kName[] = "cmp_ldap_get_dn";
+    ld->ld_errno = CMP_LDAP_NO_MEMORY;
+    CMP_LDAP_LOG(-1, "%s(): Failed to retrieve objectName:STRING.mes=%p.\n", kName, (void *)entry);
+    cmp_ldap_gentrace_ld(kName, ld);
+    return nullptr;
 }
 
 }  // namespace
@@ -95,7 +146,26 @@ char *cmp_ldap_first_attribute(CMP_LDAP *ld, CMP_LDAP_MESSAGE *entry, void **ptr
         return nullptr;
     }
 
-    int32_t list = cmp_ldap_ber_get_attr_pos_of_search_entry(entry);
+    int32_t dn = 0, list = 0, first = 0, next = 0, end = 0;
+    uint32_t list_len = 0;
+    if (cmp_ldap_quiet_entry(entry, &dn, &list) &&
+        cmp_ldap_quiet_header(entry, list, &first, &list_len)) {
+        entry->cmp_ldap_attrs_pos = list;
+        if (list_len == 0) {
+            ld->ld_errno = CMP_LDAP_SUCCESS;
+            return nullptr;
+        }
+        /* Without a readable end no lookup can succeed: no mark then. */
+        const uint64_t none = 0;
+        if (cmp_ldap_quiet_next(entry, list, &end) &&
+            cmp_ldap_quiet_take_attribute(entry, end, first, &none, &next)) {
+            entry->cmp_ldap_next_attr_pos = next;
+            *ptr = entry;
+            return entry->cmp_ldap_attr_name;
+        }
+    }
+
+    list = cmp_ldap_ber_get_attr_pos_of_search_entry(entry);
     if (list == -1) {
         CMP_LDAP_LOG(-1, "%s(): Failed to get attributes position.\n", kName);
     } else {
@@ -139,7 +209,25 @@ char *cmp_ldap_next_attribute(CMP_LDAP *ld, CMP_LDAP_MESSAGE *entry, void *ptr)
     }
 
     /* The cursor is trusted as first_attribute left it; nothing can check it. */
-    int32_t end = cmp_ldap_ber_get_next(entry, entry->cmp_ldap_attrs_pos);
+    int32_t end = 0, next = 0;
+    if (cmp_ldap_quiet_next(entry, entry->cmp_ldap_attrs_pos, &end)) {
+        const int32_t cur = entry->cmp_ldap_next_attr_pos;
+        if (end <= cur) return nullptr;
+        /* The mark of the attribute before carries on only if a lookup would have
+         * stepped past it to this one. */
+        CMP_LDAP_WALK_MARK prev;
+        uint64_t earlier = 0;
+        const bool chained = cmp_ldap_walk_mark_get(entry, &prev) && prev.next == cur &&
+                             prev.end == end && prev.set < end &&
+                             prev.set < entry->cmp_ldap_total_size;
+        if (chained) earlier = cmp_ldap_walk_earlier(&prev);
+        if (cmp_ldap_quiet_take_attribute(entry, end, cur, chained ? &earlier : nullptr, &next)) {
+            entry->cmp_ldap_next_attr_pos = next;
+            ld->ld_errno = CMP_LDAP_SUCCESS;
+            return entry->cmp_ldap_attr_name;
+        }
+    }
+    end = cmp_ldap_ber_get_next(entry, entry->cmp_ldap_attrs_pos);
     if (end == -1) {
         CMP_LDAP_LOG(-1, "%s(): Cannot get next attributes pos.\n", kName);
     } else if (end <= entry->cmp_ldap_next_attr_pos) {
@@ -182,12 +270,15 @@ void **cmp_ldap_get_values_both(CMP_LDAP *ld, CMP_LDAP_MESSAGE *entry, const cha
     int32_t code = CMP_LDAP_DECODING_ERROR;
     int32_t set = cmp_ldap_ber_lookup_attribute_on_search_entry(entry, attr);
     int32_t count = -1;
+    int32_t first = -1;
     uint32_t pos = CMP_LDAP_POS_ERROR;
     if (set == -1) {
         CMP_LDAP_LOG(-1, "%s(): Failed to find the attribute.\n", kName);
-    } else if ((count = cmp_ldap_ber_count_members(entry, set)) == -1) {
+    } else if (!cmp_ldap_quiet_count(entry, set, &count, &first) &&
+               (count = cmp_ldap_ber_count_members(entry, set)) == -1) {
         CMP_LDAP_LOG(-1, "%s(): Failed to count number of values.\n", kName);
-    } else if (cmp_ldap_pos_failed(pos = cmp_ldap_ber_get_content(entry, set))) {
+    } else if (cmp_ldap_pos_failed(pos = first != -1 ? (uint32_t)first
+                                                     : cmp_ldap_ber_get_content(entry, set))) {
         CMP_LDAP_LOG(-1, "%s(): Failed to get value content.\n", kName);
     } else {
         code = CMP_LDAP_NO_MEMORY;
@@ -201,9 +292,7 @@ void **cmp_ldap_get_values_both(CMP_LDAP *ld, CMP_LDAP_MESSAGE *entry, const cha
             uint32_t i = 0;
             for (; i < n; ++i) {
                 uint32_t value_pos = pos;
-                pos = binary
-                          ? cmp_ldap_ber_decode_string_len(entry, (int32_t)value_pos, &records[i])
-                          : cmp_ldap_ber_decode_string(entry, (int32_t)value_pos, &texts[i]);
+                pos = cmp_ldap_decode_value(entry, value_pos, binary, &texts[i], &records[i]);
                 if (cmp_ldap_pos_failed(pos)) {
                     CMP_LDAP_LOG(-1, "%s(): Failed to get decode value string. currentPos=%ld.\n",
                                  kName, (long)(int32_t)value_pos);
@@ -293,6 +382,14 @@ char *cmp_ldap_get_dn(CMP_LDAP *ld, CMP_LDAP_MESSAGE *entry)
         return nullptr;
     }
 
+    int32_t name_at = 0, list = 0, content = 0;
+    uint32_t len = 0;
+    if (cmp_ldap_quiet_entry(entry, &name_at, &list) &&
+        cmp_ldap_quiet_string(entry, name_at, &content, &len)) {
+        char *dn = cmp_ldap_copy_text(entry, content, len);
+        return dn != nullptr ? dn : cmp_ldap_get_dn_failed(ld, entry);
+    }
+
     CMP_LDAP_MESSAGE_REC rec;
     if (cmp_ldap_ber_decode_ldap_message(entry, &rec) == -1) {
         CMP_LDAP_LOG(-1, "%s(): Failed to extract CMP_LDAP_MESSAGE.\n", kName);
@@ -305,14 +402,8 @@ char *cmp_ldap_get_dn(CMP_LDAP *ld, CMP_LDAP_MESSAGE *entry)
             CMP_LDAP_LOG(-1, "%s(): Failed to retrieve [APPLICATION 4] content.\n", kName);
         } else {
             char *dn = nullptr;
-            if (cmp_ldap_pos_failed(cmp_ldap_ber_decode_string(entry, (int32_t)name_pos, &dn))) {
-                /* Memory or an undecodable name alike: reported as memory. */
-                ld->ld_errno = CMP_LDAP_NO_MEMORY;
-                CMP_LDAP_LOG(-1, "%s(): Failed to retrieve objectName:STRING.mes=%p.\n", kName,
-                             (void *)entry);
-                cmp_ldap_gentrace_ld(kName, ld);
-                return nullptr;
-            }
+            if (cmp_ldap_pos_failed(cmp_ldap_ber_decode_string(entry, (int32_t)name_pos, &dn)))
+                return cmp_ldap_get_dn_failed(ld, entry);
             return dn;
         }
     }
