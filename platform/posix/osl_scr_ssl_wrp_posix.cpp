@@ -16,6 +16,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 
@@ -26,10 +27,25 @@
 
 namespace {
 
+/* Plaintext read above SSL: the core reads a PDU's header an octet or two at a time,
+ * and each SSL_read_ex (with its error-queue clearing) costs far more than a copy. */
+constexpr size_t kReadBuffer = 16384; /* one TLS record's plaintext */
+
 struct TlsConn {
     SSL *ssl;
     int fd;
-    bool eof; /* the peer closed its side of the socket */
+    bool eof;    /* the peer closed its side of the socket */
+    size_t head; /* unread plaintext: buffer[head, tail) */
+    size_t tail;
+    unsigned char buffer[kReadBuffer];
+};
+
+/* What osl_scr_ssl_wrp_init hands out: an SSL_CTX shared by every open with the same
+ * trust settings (see shared_context), and this open's verify switch, which must not
+ * touch the shared context. */
+struct TlsCtx {
+    SSL_CTX *ssl_ctx; /* one reference */
+    bool verify;
 };
 
 /* ---- the socket BIO ---- */
@@ -416,6 +432,116 @@ void conn_free(TlsConn *c)
     free(c);
 }
 
+/* ---- contexts shared between opens ----
+ * Building a context loads the whole CA store (about 12 M instructions for the system
+ * bundle), yet it depends only on where the CAs come from: every setting of an open
+ * (masks, name, verification) goes on its own SSL. So a context is made once per CA
+ * source and reused while that source is unchanged (same names, and for files and
+ * directories the same identity, size and modification time). */
+struct TrustSource {
+    char file[512];
+    char dir[512];
+    struct stat file_stat;
+    struct stat dir_stat;
+};
+
+struct SharedContext {
+    TrustSource source;
+    SSL_CTX *ssl_ctx; /* the cache's reference; null for a free slot */
+    unsigned long used;
+};
+
+constexpr size_t kSharedContexts = 4;
+pthread_mutex_t g_shared_lock = PTHREAD_MUTEX_INITIALIZER;
+SharedContext g_shared[kSharedContexts];
+unsigned long g_shared_clock = 0;
+
+/* false when a name does not fit (such a source is never shared). */
+bool describe_source(const char *file, const char *dir, TrustSource *out)
+{
+    memset(out, 0, sizeof *out);
+    /* Without names OpenSSL's defaults apply, which its own variables can move. */
+    if (file == nullptr && dir == nullptr) {
+        file = getenv("SSL_CERT_FILE");
+        dir = getenv("SSL_CERT_DIR");
+    }
+    if (file != nullptr) {
+        if (strlen(file) >= sizeof out->file) return false;
+        strcpy(out->file, file);
+        if (stat(file, &out->file_stat) != 0) memset(&out->file_stat, 0, sizeof out->file_stat);
+    }
+    if (dir != nullptr) {
+        if (strlen(dir) >= sizeof out->dir) return false;
+        strcpy(out->dir, dir);
+        if (stat(dir, &out->dir_stat) != 0) memset(&out->dir_stat, 0, sizeof out->dir_stat);
+    }
+    return true;
+}
+
+bool same_stat(const struct stat &a, const struct stat &b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+bool same_source(const TrustSource &a, const TrustSource &b)
+{
+    return strcmp(a.file, b.file) == 0 && strcmp(a.dir, b.dir) == 0 &&
+           same_stat(a.file_stat, b.file_stat) && same_stat(a.dir_stat, b.dir_stat);
+}
+
+/* A new context trusting file and/or dir (or OpenSSL's defaults): 0 or an init code. */
+uint32_t make_context(const char *file, const char *dir, SSL_CTX **out)
+{
+    SSL_CTX *c = SSL_CTX_new(TLS_client_method());
+    if (c == nullptr) return OSL_SCR_SSL_WRP_ERR_INIT_A;
+    int loaded = file != nullptr || dir != nullptr ? SSL_CTX_load_verify_locations(c, file, dir)
+                                                   : SSL_CTX_set_default_verify_paths(c);
+    if (loaded != 1) {
+        SSL_CTX_free(c);
+        return OSL_SCR_SSL_WRP_ERR_INIT_B;
+    }
+    if (SSL_CTX_set_min_proto_version(c, TLS1_2_VERSION) != 1) {
+        SSL_CTX_free(c);
+        return OSL_SCR_SSL_WRP_ERR_INIT_C;
+    }
+    SSL_CTX_set_verify(c, SSL_VERIFY_NONE, nullptr);
+    *out = c;
+    return OSL_SCR_SSL_WRP_OK;
+}
+
+/* A context for this CA source with one reference for the caller: 0 or an init code. */
+uint32_t shared_context(const char *file, const char *dir, SSL_CTX **out)
+{
+    TrustSource source;
+    if (!describe_source(file, dir, &source)) return make_context(file, dir, out);
+    pthread_mutex_lock(&g_shared_lock);
+    SharedContext *slot = &g_shared[0];
+    for (SharedContext &e : g_shared) {
+        if (e.ssl_ctx != nullptr && same_source(e.source, source)) {
+            e.used = ++g_shared_clock;
+            SSL_CTX_up_ref(e.ssl_ctx);
+            *out = e.ssl_ctx;
+            pthread_mutex_unlock(&g_shared_lock);
+            return OSL_SCR_SSL_WRP_OK;
+        }
+        if (slot->ssl_ctx != nullptr && (e.ssl_ctx == nullptr || e.used < slot->used)) slot = &e;
+    }
+    /* Made under the lock, so threads opening at once load the store only once. */
+    SSL_CTX *made = nullptr;
+    uint32_t rc = make_context(file, dir, &made);
+    if (rc == OSL_SCR_SSL_WRP_OK) {
+        SSL_CTX_free(slot->ssl_ctx); /* the least recently used source; a null slot is fine */
+        slot->source = source;
+        slot->ssl_ctx = made;
+        slot->used = ++g_shared_clock;
+        SSL_CTX_up_ref(made);
+        *out = made;
+    }
+    pthread_mutex_unlock(&g_shared_lock);
+    return rc;
+}
+
 }  // namespace
 
 extern "C" {
@@ -425,35 +551,30 @@ uint32_t osl_scr_ssl_wrp_init(void **ctx)
     if (ctx == nullptr) return OSL_SCR_SSL_WRP_ERR_GENERAL;
     *ctx = nullptr;
     ERR_clear_error();
-    SSL_CTX *c = SSL_CTX_new(TLS_client_method());
-    if (c == nullptr) return OSL_SCR_SSL_WRP_ERR_INIT_A;
+    auto *t = static_cast<TlsCtx *>(calloc(1, sizeof(TlsCtx)));
+    if (t == nullptr) return OSL_SCR_SSL_WRP_ERR_INIT_A;
 
     const char *file = getenv("TOVEISTROR_CA_FILE");
     const char *dir = getenv("TOVEISTROR_CA_DIR");
     if (file != nullptr && *file == '\0') file = nullptr;
     if (dir != nullptr && *dir == '\0') dir = nullptr;
-    int loaded = file != nullptr || dir != nullptr ? SSL_CTX_load_verify_locations(c, file, dir)
-                                                   : SSL_CTX_set_default_verify_paths(c);
-    if (loaded != 1) {
-        SSL_CTX_free(c);
-        ERR_clear_error();
-        return OSL_SCR_SSL_WRP_ERR_INIT_B;
-    }
+    uint32_t rc = shared_context(file, dir, &t->ssl_ctx);
     pthread_once(&g_bio_once, make_bio_method);
-    if (g_bio_method == nullptr || SSL_CTX_set_min_proto_version(c, TLS1_2_VERSION) != 1) {
-        SSL_CTX_free(c);
+    if (rc == OSL_SCR_SSL_WRP_OK && g_bio_method == nullptr) rc = OSL_SCR_SSL_WRP_ERR_INIT_C;
+    if (rc != OSL_SCR_SSL_WRP_OK) {
+        SSL_CTX_free(t->ssl_ctx);
+        free(t);
         ERR_clear_error();
-        return OSL_SCR_SSL_WRP_ERR_INIT_C;
+        return rc;
     }
-    SSL_CTX_set_verify(c, SSL_VERIFY_NONE, nullptr);
-    *ctx = c;
+    *ctx = t;
     return OSL_SCR_SSL_WRP_OK;
 }
 
 uint32_t osl_scr_ssl_wrp_set_verify(void *ctx)
 {
     if (ctx == nullptr) return OSL_SCR_SSL_WRP_ERR_VERIFY;
-    SSL_CTX_set_verify(static_cast<SSL_CTX *>(ctx), SSL_VERIFY_PEER, nullptr);
+    static_cast<TlsCtx *>(ctx)->verify = true;
     return OSL_SCR_SSL_WRP_OK;
 }
 
@@ -463,7 +584,8 @@ uint32_t osl_scr_ssl_wrp_connect_timeo(void *ctx, const OSL_SCR_SSL_WRP_SETTINGS
     if (conn != nullptr) *conn = nullptr;
     if (ctx == nullptr || settings == nullptr || conn == nullptr)
         return OSL_SCR_SSL_WRP_ERR_GENERAL;
-    auto *sctx = static_cast<SSL_CTX *>(ctx);
+    auto *tctx = static_cast<TlsCtx *>(ctx);
+    auto *sctx = tctx->ssl_ctx;
     ERR_clear_error();
 
     auto *c = static_cast<TlsConn *>(calloc(1, sizeof(TlsConn)));
@@ -487,8 +609,7 @@ uint32_t osl_scr_ssl_wrp_connect_timeo(void *ctx, const OSL_SCR_SSL_WRP_SETTINGS
 
     t_tls_failure[0] = '\0';
     drop_refused_certificate();
-    bool verifying =
-        settings->verify != 0 || (SSL_CTX_get_verify_mode(sctx) & SSL_VERIFY_PEER) != 0;
+    bool verifying = settings->verify != 0 || tctx->verify;
     uint32_t rc = apply_masks(c->ssl, settings);
     if (rc == OSL_SCR_SSL_WRP_OK) rc = apply_host(c->ssl, c->fd, verifying);
 
@@ -519,13 +640,29 @@ uint32_t osl_scr_ssl_wrp_read_timeo(void *conn, void *buf, uint32_t len, long ti
     if (len == 0) return OSL_SCR_SSL_WRP_OK;
     if (len > INT32_MAX) len = INT32_MAX;
     auto *c = static_cast<TlsConn *>(conn);
+    if (c->head < c->tail) {
+        size_t n = std::min(static_cast<size_t>(len), c->tail - c->head);
+        memcpy(buf, c->buffer + c->head, n);
+        c->head += n;
+        *count = static_cast<int32_t>(n);
+        return OSL_SCR_SSL_WRP_OK;
+    }
+    /* A read as large as the buffer goes straight to the caller's memory. */
+    const bool direct = len >= kReadBuffer;
     ERR_clear_error();
     posix_port::Deadline deadline = posix_port::deadline_after(timeout);
     for (;;) {
         size_t n = 0;
         errno = 0;
-        int r = SSL_read_ex(c->ssl, buf, len, &n);
+        int r = direct ? SSL_read_ex(c->ssl, buf, len, &n)
+                       : SSL_read_ex(c->ssl, c->buffer, kReadBuffer, &n);
         if (r == 1) {
+            if (!direct) {
+                c->tail = n;
+                n = std::min(static_cast<size_t>(len), n);
+                memcpy(buf, c->buffer, n);
+                c->head = n;
+            }
             *count = static_cast<int32_t>(n);
             return OSL_SCR_SSL_WRP_OK;
         }
@@ -588,7 +725,9 @@ uint32_t osl_scr_ssl_wrp_shutdown(void *conn)
 uint32_t osl_scr_ssl_wrp_term(void *ctx)
 {
     if (ctx == nullptr) return OSL_SCR_SSL_WRP_ERR_GENERAL;
-    SSL_CTX_free(static_cast<SSL_CTX *>(ctx));
+    auto *t = static_cast<TlsCtx *>(ctx);
+    SSL_CTX_free(t->ssl_ctx); /* the shared context lives on in the cache */
+    free(t);
     return OSL_SCR_SSL_WRP_OK;
 }
 
