@@ -4,6 +4,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -411,6 +412,9 @@ struct Tally {
 // sent. False for an attribute that is not well formed.
 bool print_values_at(const CMP_LDAP_MESSAGE *m, int32_t pos, const char *name, Ldif &out)
 {
+    // The PDU runs past the record's declared array, to cmp_ldap_total_size octets.
+    const unsigned char *pdu =
+        reinterpret_cast<const unsigned char *>(m) + offsetof(CMP_LDAP_MESSAGE, cmp_ldap_ber);
     auto inside = [m](int32_t p) { return p >= 0 && p < m->cmp_ldap_total_size; };
     if (!inside(pos) || cmp_ldap_ber_get_tag(m, pos) != 0x30) return false;
     int32_t end = cmp_ldap_ber_get_next(m, pos);
@@ -426,7 +430,7 @@ bool print_values_at(const CMP_LDAP_MESSAGE *m, int32_t pos, const char *name, L
         int32_t next = cmp_ldap_ber_get_next(m, v);
         auto at = static_cast<int32_t>(cmp_ldap_ber_get_content(m, v));
         if (next < 0 || next > set_end || at < 0 || at > next) return false;
-        out.value(name, m->cmp_ldap_ber + at, static_cast<size_t>(next - at));
+        out.value(name, pdu + at, static_cast<size_t>(next - at));
         v = next;
     }
     return v == set_end;

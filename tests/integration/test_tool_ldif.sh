@@ -37,9 +37,9 @@ edge="cn=folds,ou=edge,dc=example,dc=test"
   printf '\ndn: cn=many,ou=edge,dc=example,dc=test\nobjectClass: inetOrgPerson\ncn: many\nsn: many\n'
   for ((i = 1; i <= 1000; i++)); do printf 'description: value %04d\n' "$i"; done
   heavy=$(head -c 204800 /dev/zero | tr '\0' '\252' | base64 -w0)
-  printf '\ndn: ou=heavy,ou=edge,dc=example,dc=test\nobjectClass: organizationalUnit\nou: heavy\n'
+  printf '\ndn: ou=heavy,dc=example,dc=test\nobjectClass: organizationalUnit\nou: heavy\n'
   for ((i = 1; i <= 60; i++)); do
-    printf '\ndn: cn=h%02d,ou=heavy,ou=edge,dc=example,dc=test\nobjectClass: inetOrgPerson\n' "$i"
+    printf '\ndn: cn=h%02d,ou=heavy,dc=example,dc=test\nobjectClass: inetOrgPerson\n' "$i"
     printf 'cn: h%02d\nsn: heavy\naudio:: %s\n' "$i" "$heavy"
   done
 } >"$state/edge-extra.ldif"
@@ -49,12 +49,15 @@ bash "$fixture" start "$work/srv" --owner $$ --shared "$state/shared-edge" \
 . "$work/srv/env"
 unset LDAPTLS_REQCERT TOVEISTROR_LDAP_PROTOCOL TOVEISTROR_CA_DIR TOVEISTROR_CA_FILE LDAPNOINIT \
   LDAPURI LDAPBASE LDAPCONF LDAPRC
-export LDAPTLS_CACERT=$CA_FILE HOME=$work/home
+export HOME=$work/home
 mkdir -p "$HOME" "$work/cwd"
 cd "$work/cwd" || exit 1
 printf 'URI %s\nBASE ou=edge,%s\n' "$LDAP_URI" "$BASE_DN" >"$work/conf"
 printf 'BASE %s\n' "$edge" >"$work/cwd/myrc"
-printf 'URI ldap://127.0.0.1:1/\nSIZELIMIT 2\n' >"$HOME/.ldaprc"
+printf 'URI ldap://127.0.0.1:1/\nTLS_CACERT %s\n' "$CA_FILE" >"$HOME/.ldaprc"
+printf 'SIZELIMIT 2\nNETWORK_TIMEOUT 5\n' >"$work/cwd/sizerc"
+printf 'TLS_REQCERT never\n' >"$HOME/reqrc"
+printf '%s' "$USER_PW" >"$work/pw"
 
 # peer VAR FRAMES...: a scripted server on 127.0.0.1 answering the bind and then the search
 # with FRAMES (hex, one per request), its URI in VAR.
@@ -102,6 +105,12 @@ wrap-76 -LLL -o ldif_wrap=76 -H $LDAP_URI -b ou=edge,$BASE_DN
 wrap-bad -o ldif_wrap=abc -H $LDAP_URI
 wrap-negative -o ldif_wrap=-5 -H $LDAP_URI
 root-dse -H $LDAP_URI -b '' -s base
+utf8-base -H $LDAP_URI -b 'cn=Zoë Ünal,ou=edge,$BASE_DN' -s base
+large-value -H $LDAP_URI -b cn=h01,ou=heavy,$BASE_DN -s base
+deref-always -a always -H $LDAP_URI -b ou=aliases,$BASE_DN -s one
+deref-find -a find -H $LDAP_URI -b cn=alice-alias,ou=aliases,$BASE_DN -s base
+limits -l 5 -z none -o nettimeout=5 -H $LDAP_URI -b $people -s one '(mail=*)' mail
+password-file -D $USER_DN -y $work/pw -H $LDAP_URI -b $USER_DN -s base
 bound -D $USER_DN -w $USER_PW -H $LDAP_URI -b $USER_DN -s base
 wrong-password -D $USER_DN -w wrong -H $LDAP_URI
 password-without-dn -w secret -H $LDAP_URI
@@ -129,9 +138,11 @@ ldapconf LDAPCONF=$work/conf -s one
 ldaprc LDAPCONF=$work/conf LDAPRC=myrc -s base
 cli-over-conf LDAPCONF=$work/conf LDAPBASE=$people -b $edge -s base cn
 noinit LDAPNOINIT=1 LDAPCONF=$work/conf
-user-rc-size-limit LDAPURI=$LDAP_URI -b ou=big,$BASE_DN -s one cn
+rc-size-limit LDAPRC=sizerc LDAPURI=$LDAP_URI -b ou=big,$BASE_DN -s one cn
+rc-reqcert LDAPRC=reqrc LDAPTLS_CACERT=$OTHER_CA_FILE -H $ldaps -b $USER_DN -s base
 ldaps -H $ldaps -b $people '(sn=Archer)'
-starttls -ZZ -H ldap://localhost:$LDAP_PORT/ -b $people '(sn=Archer)'
+starttls -ZZ -LL -H ldap://localhost:$LDAP_PORT/ -b $people '(sn=Archer)'
+starttls-try -Z -LLL -H ldap://localhost:$LDAP_PORT/ -b $people '(sn=Archer)'
 ldaps-other-ca LDAPTLS_CACERT=$OTHER_CA_FILE -H $ldaps
 starttls-other-ca LDAPTLS_CACERT=$OTHER_CA_FILE -ZZ -H ldap://localhost:$LDAP_PORT/
 reqcert-never LDAPTLS_REQCERT=never LDAPTLS_CACERT=$OTHER_CA_FILE -H $ldaps -b $USER_DN -s base
@@ -178,7 +189,7 @@ expect wrap-1 1 'Unable to parse ldif_wrap="1"' -o ldif_wrap=1 -H "$LDAP_URI"
 # Memory stays flat: the peak of 60 entries of 200 KB is that of 6, give or take 2 MB.
 if [ "${3:-}" = --rss ]; then
   peak() { # ARGS...: the tool's peak resident set in KB
-    /usr/bin/time -f %M -o "$work/rss" "$tool" -H "$LDAP_URI" -b "ou=heavy,ou=edge,$BASE_DN" \
+    /usr/bin/time -f %M -o "$work/rss" "$tool" -H "$LDAP_URI" -b "ou=heavy,$BASE_DN" \
       -s one "$@" >/dev/null 2>&1
     tail -1 "$work/rss"
   }
