@@ -141,7 +141,7 @@ noinit LDAPNOINIT=1 LDAPCONF=$work/conf
 rc-size-limit LDAPRC=sizerc LDAPURI=$LDAP_URI -b ou=big,$BASE_DN -s one cn
 rc-reqcert LDAPRC=reqrc LDAPTLS_CACERT=$OTHER_CA_FILE -H $ldaps -b $USER_DN -s base
 ldaps -H $ldaps -b $people '(sn=Archer)'
-starttls -ZZ -LL -H ldap://localhost:$LDAP_PORT/ -b $people '(sn=Archer)'
+starttls -ZZ -H ldap://localhost:$LDAP_PORT/ -b $people '(sn=Archer)'
 starttls-try -Z -LLL -H ldap://localhost:$LDAP_PORT/ -b $people '(sn=Archer)'
 ldaps-other-ca LDAPTLS_CACERT=$OTHER_CA_FILE -H $ldaps
 starttls-other-ca LDAPTLS_CACERT=$OTHER_CA_FILE -ZZ -H ldap://localhost:$LDAP_PORT/
