@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # toveistror-search -Y GSSAPI against a real KDC and slapd:   test_tool_gssapi.sh TOOL STATE_DIR
-# Its LDIF, less the summary comments, must be byte for byte what ldapsearch -Y GSSAPI
-# -O maxssf=0 prints for the same search on the same transport (the library negotiates no
-# security layer), with the same exit status; the failures give their status and message.
+# Its output must be byte for byte what ldapsearch -Y GSSAPI -O maxssf=0 prints for the same
+# search on the same transport (the library negotiates no security layer), with the same exit
+# status; the failures give their status and message.
 set -uo pipefail
 tool=${1:?usage: test_tool_gssapi.sh TOOL STATE_DIR}
 state=${2:?usage: test_tool_gssapi.sh TOOL STATE_DIR}
@@ -30,12 +30,11 @@ same() {
   local name=$1 conn=$2 want got rc_want rc_got
   shift 2
   # shellcheck disable=SC2086
-  want=$(ldapsearch -Y GSSAPI -O maxssf=0 -Q -LLL -o ldif_wrap=76 $conn "$@" 2>/dev/null)
+  want=$(ldapsearch -Y GSSAPI -O maxssf=0 -Q $conn "$@" 2>/dev/null)
   rc_want=$?
   # shellcheck disable=SC2086
-  "$tool" -Y GSSAPI -LLL -o ldif_wrap=76 $conn "$@" >"$work/out" 2>"$work/err"
+  got=$("$tool" -Y GSSAPI $conn "$@" 2>"$work/err")
   rc_got=$?
-  got=$(grep -vE '^# (result|numEntries|numReferences|matchedDN|text):' "$work/out")
   [ "$rc_got" = "$rc_want" ] || fail "$name: exit $rc_got, ldapsearch $rc_want: $(cat "$work/err")"
   [ "$got" = "$want" ] || fail "$name: LDIF differs: $(diff <(echo "$want") <(echo "$got") | head)"
   [ -n "$want" ] || [ "$rc_want" != 0 ] || fail "$name: vacuous (no output)"
