@@ -61,6 +61,7 @@ printf '%s' "$USER_PW" >"$work/pw"
 
 # peer VAR FRAMES...: a scripted server on 127.0.0.1 answering the bind and then the search
 # with FRAMES (hex, one per request), its URI in VAR.
+odd_uri="" nl_uri="" uri="" # set by peer
 peer() {
   local var=$1 port
   shift
