@@ -38,6 +38,13 @@ struct TlsConn {
     size_t head; /* unread plaintext: buffer[head, tail) */
     size_t tail;
     unsigned char buffer[kReadBuffer];
+    /* Received TLS records not yet taken by SSL: inbox[in_head, in_tail). One recv fills
+     * it for many records, and SSL takes each header and body from it by exact size
+     * (its own read-ahead would move every unread octet to the front of its buffer for
+     * each record). */
+    size_t in_head;
+    size_t in_tail;
+    unsigned char inbox[kReadBuffer];
 };
 
 /* What osl_scr_ssl_wrp_init hands out: an SSL_CTX shared by every open with the same
@@ -71,19 +78,26 @@ int bio_read(BIO *bio, char *data, size_t len, size_t *read_bytes)
 {
     BIO_clear_retry_flags(bio);
     auto *c = static_cast<TlsConn *>(BIO_get_data(bio));
-    *read_bytes = posix_port::take_read_ahead(c->fd, data, len);
-    if (*read_bytes > 0) return 1;
-    ssize_t n = posix_port::counted_recv(c->fd, data, len, MSG_DONTWAIT);
-    if (n > 0) {
-        *read_bytes = static_cast<size_t>(n);
-        return 1;
+    *read_bytes = 0;
+    if (c->in_head == c->in_tail) {
+        *read_bytes = posix_port::take_read_ahead(c->fd, data, len);
+        if (*read_bytes > 0) return 1;
+        ssize_t n = posix_port::counted_recv(c->fd, c->inbox, sizeof c->inbox, MSG_DONTWAIT);
+        if (n == 0) {
+            c->eof = true;
+            return 0;
+        }
+        if (n < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) BIO_set_retry_read(bio);
+            return 0;
+        }
+        c->in_head = 0;
+        c->in_tail = static_cast<size_t>(n);
     }
-    if (n == 0) {
-        c->eof = true;
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
-        BIO_set_retry_read(bio);
-    }
-    return 0;
+    *read_bytes = std::min(len, c->in_tail - c->in_head);
+    memcpy(data, c->inbox + c->in_head, *read_bytes);
+    c->in_head += *read_bytes;
+    return 1;
 }
 
 long bio_ctrl(BIO *bio, int cmd, long num, void *ptr)
@@ -605,7 +619,6 @@ uint32_t osl_scr_ssl_wrp_connect_timeo(void *ctx, const OSL_SCR_SSL_WRP_SETTINGS
     SSL_set_connect_state(c->ssl);
     /* Partial writes let a write report how much went out before a time-out. */
     SSL_set_mode(c->ssl, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
-    SSL_set_read_ahead(c->ssl, 1);
 
     t_tls_failure[0] = '\0';
     drop_refused_certificate();
