@@ -35,8 +35,10 @@ done
 for p in "$ours" "$theirs"; do
   [ -x "$p" ] || { echo "missing $p: build $build with -DTOVEISTROR_BENCH=ON (libldap-dev)" >&2; exit 1; }
 done
-command -v valgrind >/dev/null && command -v strace >/dev/null ||
-  { echo "needs valgrind and strace" >&2; exit 1; }
+if ! command -v valgrind >/dev/null || ! command -v strace >/dev/null; then
+  echo "needs valgrind and strace" >&2
+  exit 1
+fi
 
 work=$(mktemp -d)
 trap '"$root/tests/fixtures/slapd.sh" stop "$work/slapd" --remove >/dev/null 2>&1 || true; rm -rf "$work"' EXIT
@@ -90,8 +92,8 @@ syscalls() {
 }
 # whole CLIENT TLS: "wall_ms cpu_ms peak_kib" of the 10,000-entry one-array walk (best of 3)
 whole() {
-  local best="" i line
-  for i in $(seq $((quick ? 1 : 3))); do
+  local best="" line
+  for _ in $(seq $((quick ? 1 : 3))); do
     line=$(/usr/bin/time -f '%e %U %S %M' "$1" one "$2" "$host" "$(port_of "$2")" \
       "ou=book,$base_dn" 2>&1 >/dev/null | tail -1)
     line=$(echo "$line" | awk '{printf "%.0f %.0f %d", $1 * 1000, ($2 + $3) * 1000, $4}')
