@@ -15,14 +15,15 @@ bool parse_secprops(const std::string &list, uint32_t &min, uint32_t &max, std::
         size_t eq = prop.find('=');
         std::string name = prop.substr(0, eq);
         std::string v = eq == std::string::npos ? "" : prop.substr(eq + 1);
-        bool digits = !v.empty() && v.size() <= 10 &&
-                      v.find_first_not_of("0123456789") == std::string::npos;
+        bool digits =
+            !v.empty() && v.size() <= 10 && v.find_first_not_of("0123456789") == std::string::npos;
         if ((name != "minssf" && name != "maxssf") || !digits ||
             std::strtoull(v.c_str(), nullptr, 10) > INT32_MAX) {
             bad = prop;
             return false;
         }
-        (name == "minssf" ? min : max) = static_cast<uint32_t>(std::strtoul(v.c_str(), nullptr, 10));
+        (name == "minssf" ? min : max) =
+            static_cast<uint32_t>(std::strtoul(v.c_str(), nullptr, 10));
     }
     return true;
 }

@@ -16,6 +16,7 @@
 #include "cmp_ldap.h"
 #include "cmp_ldap_posix.h"
 #include "ldap-uri.h"
+#include "sasl-props.h"
 #include "zelOSW.h"
 
 namespace {
@@ -68,6 +69,9 @@ const char kUsage[] =
     "  -C file      Kerberos credential cache file for -Y GSSAPI\n"
     "  -U user      SASL user name for -Y GSSAPI (default: the cache's)\n"
     "  -R realm     SASL realm for -Y GSSAPI\n"
+    "  -O minssf=N,maxssf=N\n"
+    "               a security layer for -Y of strength N to N (as soon as -O is\n"
+    "               given: minssf=0,maxssf=2147483647; maxssf=1 signs, minssf=56 seals)\n"
     "  -b base      entry the test looks up; it must exist and its DN must match,\n"
     "               blanks aside (default: none, the test ends after the bind)\n"
     "  -o nettimeout=N\n"
@@ -93,6 +97,7 @@ struct Options {
     int starttls = 0;
     std::string dn, password, realm, ccache;
     bool sasl = false;
+    uint32_t min_ssf = 0, max_ssf = 0;  // -O; 0, 0 is no layer
     std::string base;
     int32_t timeout = 10;
     bool async = false;
@@ -139,9 +144,10 @@ Options parse_options(int argc, char **argv)
                                       {nullptr, 0, nullptr, 0}};
     Options o;
     std::string uri = "ldap://localhost";
+    bool secprops = false;
     opterr = 0;
     for (int c;
-         (c = getopt_long(argc, argv, ":hH:ZxD:w:Y:C:U:R:b:o:d::", longopts, nullptr)) != -1;) {
+         (c = getopt_long(argc, argv, ":hH:ZxD:w:Y:C:U:R:O:b:o:d::", longopts, nullptr)) != -1;) {
         std::string arg = optarg != nullptr ? optarg : "";
         switch (c) {
             case 'h':
@@ -175,6 +181,14 @@ Options parse_options(int argc, char **argv)
             case 'R':
                 o.realm = arg;
                 break;
+            case 'O': {
+                if (!secprops) o.max_ssf = INT32_MAX;  // ldapsearch's default: the strongest
+                secprops = true;
+                std::string bad;
+                if (!tool_sasl::parse_secprops(arg, o.min_ssf, o.max_ssf, bad))
+                    usage_error("option -O " + bad + " not supported (only minssf=N and maxssf=N)");
+                break;
+            }
             case 'b':
                 o.base = arg;
                 break;
@@ -204,6 +218,7 @@ Options parse_options(int argc, char **argv)
     if (optind < argc) usage_error(std::string("unexpected argument '") + argv[optind] + "'");
     if (o.starttls > 2) usage_error("-Z given more than twice");
     if (o.cancel_after >= 0 && !o.async) usage_error("--cancel-after needs --async");
+    if (o.min_ssf > o.max_ssf) usage_error("-O minssf above maxssf");
     parse_uri(uri, o);
     if (o.starttls > 0) {
         if (o.tls_mod == CMP_LDAP_TLS_MOD_LDAPS) usage_error("-Z does not go with ldaps://");
@@ -287,6 +302,8 @@ int main(int argc, char **argv)
     param.ccname = o.sasl ? &o.ccache[0] : nullptr;
     param.method = o.sasl ? CMP_LDAP_AUTH_SASL : CMP_LDAP_AUTH_SIMPLE;
     param.base = &o.base[0];
+    param.sasl_min_ssf = o.min_ssf;
+    param.sasl_max_ssf = o.max_ssf;
 
     uint32_t result = o.async ? run_async(param, o.cancel_after) : cmp_ldap_test(&param);
     const char *meaning = "unknown result";

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "sasl-props.h"
 #include "toveistror-search.h"
 
 namespace search_tool {
@@ -296,20 +297,9 @@ void sasl_secprops(Options &o, const std::string &list)
         o.min_ssf = 0;
         o.max_ssf = INT32_MAX;  // ldapsearch's default: the strongest layer offered
     }
-    size_t at = 0;
-    while (at <= list.size()) {
-        size_t comma = list.find(',', at);
-        std::string prop = list.substr(at, comma == std::string::npos ? comma : comma - at);
-        at = comma == std::string::npos ? list.size() + 1 : comma + 1;
-        size_t eq = prop.find('=');
-        std::string name = prop.substr(0, eq),
-                    v = eq == std::string::npos ? "" : prop.substr(eq + 1);
-        if ((name != "minssf" && name != "maxssf") || !is_integer(v.c_str()) ||
-            std::strtoul(v.c_str(), nullptr, 10) > INT32_MAX)
-            usage_error("option -O " + prop + " not supported (only minssf=N and maxssf=N)");
-        (name == "minssf" ? o.min_ssf : o.max_ssf) =
-            static_cast<uint32_t>(std::strtoul(v.c_str(), nullptr, 10));
-    }
+    std::string bad;
+    if (!tool_sasl::parse_secprops(list, o.min_ssf, o.max_ssf, bad))
+        usage_error("option -O " + bad + " not supported (only minssf=N and maxssf=N)");
     if (o.min_ssf > o.max_ssf) usage_error("-O minssf above maxssf");
 }
 

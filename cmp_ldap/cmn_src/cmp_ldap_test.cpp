@@ -172,6 +172,12 @@ uint32_t cmp_ldap_test_run(const char *name, const CMP_LDAP_TEST_PARAM *param,
     const CMP_LDAP_TIMEVAL *wait = timeout < 0 ? nullptr : &seconds;
 
     if ((rc = cmp_ldap_test_cancel_check(conninfo)) != 0) return cmp_ldap_test_device_result(rc);
+    /* Only an asked-for layer touches the handle: the default path stays as it was. */
+    if (param->method == CMP_LDAP_AUTH_SASL &&
+        (param->sasl_min_ssf != 0 || param->sasl_max_ssf != 0)) {
+        rc = cmp_ldap_set_sasl_ssf(ld, param->sasl_min_ssf, param->sasl_max_ssf);
+        if (rc != 0) return cmp_ldap_test_device_result(rc);
+    }
     int msgid =
         cmp_ldap_bind(ld, param->dn, param->cred, param->domain, param->ccname, param->method);
     if (msgid < 0) return cmp_ldap_test_device_result(ld->ld_errno);
@@ -271,6 +277,8 @@ CMP_LDAP_TEST_PARAM *cmp_ldap_test_copy_param(const CMP_LDAP_TEST_PARAM *param)
     copy->connparam.ssl_accepted_signature_algorithm =
         param->connparam.ssl_accepted_signature_algorithm;
     copy->method = param->method;
+    copy->sasl_min_ssf = param->sasl_min_ssf;
+    copy->sasl_max_ssf = param->sasl_max_ssf;
 
     if (rc != 0) {
         cmp_ldap_test_free_param(copy);

@@ -472,6 +472,10 @@ typedef struct CMP_LDAP_TEST_PARAM {
     char *ccname;    /* Kerberos 5 credential cache */
     uint32_t method; /* CMP_LDAP_AUTH_SIMPLE or CMP_LDAP_AUTH_SASL */
     char *base;      /* DN of the entry the test looks up */
+    /* Security layer of a SASL bind, as cmp_ldap_set_sasl_ssf takes it; 0, 0 asks
+     * for none. A simple bind ignores both. */
+    uint32_t sasl_min_ssf;
+    uint32_t sasl_max_ssf;
 } CMP_LDAP_TEST_PARAM;
 
 /* The identity of a running asynchronous test; its 8 bytes are also the cancel

@@ -142,6 +142,10 @@ if [ "$sasl" = 1 ]; then
     same "GSSAPI with $layer in clear" 0 - -H ldap://localhost/ -O "$layer" "${gssapi[@]}"
   done
   result "GSSAPI, strong auth required" "$other" "${ldaps[@]}" -Y GSSAPI -C "$ccache" -b "$BASE_DN"
+  for layer in maxssf=1 minssf=56; do
+    result "GSSAPI with $layer in clear" "0x00000000 success" -H ldap://localhost/ -O "$layer" \
+      -Y GSSAPI -C "$ccache" -b "$BASE_DN"
+  done
 fi
 
 echo "test_ad: $failures failed"

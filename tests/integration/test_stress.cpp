@@ -161,7 +161,9 @@ std::string start_tests(const Slapd &s, const std::atomic<bool> &stop)
                           nullptr,
                           nullptr,
                           CMP_LDAP_AUTH_SIMPLE,
-                          &base[0]};
+                          &base[0],
+                          0,
+                          0};
     std::string wrong;
     for (int mine = 0; !stop;) {
         /* The caller's record comes from the OS wrapper: a failed start may release it. */

@@ -198,6 +198,8 @@ TEST_F(ConnTest, CopyAndFreeParameters)
     full.ccname = const_cast<char *>("/tmp/cc");
     full.method = CMP_LDAP_AUTH_SASL;
     full.connparam.ssl_accepted_signature_algorithm = 0x81;
+    full.sasl_min_ssf = 1;
+    full.sasl_max_ssf = 256;
     CMP_LDAP_TEST_PARAM *copy = cmp_ldap_test_copy_param(&full);
     ASSERT_NE(copy, nullptr);
     EXPECT_NE(copy->dn, full.dn);
@@ -206,6 +208,8 @@ TEST_F(ConnTest, CopyAndFreeParameters)
     EXPECT_STREQ(copy->base, kBase);
     EXPECT_EQ(copy->method, CMP_LDAP_AUTH_SASL);
     EXPECT_EQ(copy->connparam.ssl_accepted_signature_algorithm, 0x81);
+    EXPECT_EQ(copy->sasl_min_ssf, 1u);
+    EXPECT_EQ(copy->sasl_max_ssf, 256u);
     EXPECT_EQ(fake::alloc_sizes().size(), 7u);
     cmp_ldap_test_free_param(copy);
 
@@ -297,6 +301,20 @@ TEST_F(ConnTest, SequenceGivesTheSameResultsInBothForms)
         {"no socket", [] { fake::script_socket({-1}); }, 0x51037102, "", 0, ""},
         {"bad parameter", [&] { p_.connparam.ipv6 = 2; }, 0x51039181, "", 0, ""},
         {"unknown method", [&] { p_.method = 0x81; }, 0x51039181, "unbind", 0, ""},
+        {"layer range upside down, before the bind",
+         [&] {
+             p_.method = CMP_LDAP_AUTH_SASL;
+             p_.sasl_min_ssf = 57;
+             p_.sasl_max_ssf = 56;
+         },
+         0x51039181, "unbind", 0, ""},
+        {"simple bind ignores the layer",
+         [&] {
+             p_.sasl_min_ssf = 57;
+             p_.sasl_max_ssf = 56;
+             peer({kBindOk, entry(kBase), kDone})();
+         },
+         0, "bind search unbind", 0, ""},
         {"TLS refused",
          [&] {
              p_.connparam.tls_mod = 2;
