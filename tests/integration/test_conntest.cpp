@@ -183,6 +183,19 @@ int open_descriptors()
     return n;
 }
 
+// The count once it equals want, or after a second. A descriptor has been seen to
+// appear for a moment after a test task ended (under qemu-arm only); a leaked one
+// stays, and still fails the comparison.
+int descriptors_settled_at(int want)
+{
+    int n = open_descriptors();
+    for (int i = 0; i < 100 && n != want; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        n = open_descriptors();
+    }
+    return n;
+}
+
 }  // namespace
 
 TEST(ConnectionTest, CancelBeforeAnyTestASecondStartAndCancelAfterTheEnd)
@@ -286,7 +299,7 @@ TEST(ConnectionTest, OutcomesAreTheSameInBothForms)
             c.set(p);
             int fds = open_descriptors();
             EXPECT_EQ(run(p.param(), async), c.result);
-            EXPECT_EQ(open_descriptors(), fds);
+            EXPECT_EQ(descriptors_settled_at(fds), fds);
             setenv("TOVEISTROR_CA_FILE", Slapd::get("CA_FILE").c_str(), 1);
         }
     }
@@ -425,7 +438,7 @@ TEST(ConnectionTest, StartCancelRaces)
         ASSERT_EQ(g_callbacks.load(), 1) << "round " << i;
         ++outcomes[g_result];
     }
-    EXPECT_EQ(open_descriptors(), fds);
+    EXPECT_EQ(descriptors_settled_at(fds), fds);
     EXPECT_EQ(outcomes[0] + outcomes[0x51035105], rounds);
     EXPECT_GT(outcomes[0x51035105], 0);
     std::printf("%d rounds of about %ld us: %d complete, %d cancelled\n", rounds, span_us,
