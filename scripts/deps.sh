@@ -42,7 +42,7 @@ if [ ! -e /usr/sbin/policy-rc.d ]; then
   $SUDO chmod 755 /usr/sbin/policy-rc.d
   created_policy=1
 fi
-cleanup() { [ "$created_policy" = 1 ] && $SUDO rm -f /usr/sbin/policy-rc.d; }
+cleanup() { if [ "$created_policy" = 1 ]; then $SUDO rm -f /usr/sbin/policy-rc.d; fi; }
 trap cleanup EXIT
 
 # No system database for slapd, no prompts for Kerberos.
