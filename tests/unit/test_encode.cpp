@@ -112,10 +112,8 @@ TEST_F(Encode, Octets)
     memset(v126.cmp_ldap_items[0].cmp_ldap_value, 'v', 126);
     static const Present mail_cn{2, 0, {"mail", "cn"}}, mail_or{1, 1, {"mail"}};
     const std::string eq2 = " A3 09 04 02 63 6E 04 03 61 62 63 A3 07 04 02 73 6E 04 01 78";
-    struct {
-        Bytes pdu;
-        std::string want;
-    } rows[] = {
+    const std::pair<Bytes, std::string> rows[] = {
+        /* a PDU, and octets it holds */
         {bind(1, "cn=a", "xyz"), "30 13 02 01 01 60 0E 02 01 03 04 04 63 6E 3D 61 80 03 78 79 7A"},
         {bind(1, "", ""), "30 0C 02 01 01 60 07 02 01 03 04 00 80 00"},
         {sasl(2, "GSSAPI", {}),
@@ -156,10 +154,10 @@ TEST_F(Encode, Octets)
          "0A 01 01 0A 01 03 02 01 00 02 01 00 01 01 FF"},
         {search([](Search &s) { s.attrs = {nullptr}; }), "04 03 61 62 63 30 00"},
     };
-    for (const auto &r : rows) {
-        Bytes w = hex(r.want);
-        EXPECT_NE(std::search(r.pdu.begin(), r.pdu.end(), w.begin(), w.end()), r.pdu.end())
-            << r.want << " not in " << to_hex(r.pdu).substr(0, 300);
+    for (const auto &[pdu, want] : rows) {
+        Bytes w = hex(want);
+        EXPECT_NE(std::search(pdu.begin(), pdu.end(), w.begin(), w.end()), pdu.end())
+            << want << " not in " << to_hex(pdu).substr(0, 300);
     }
 }
 

@@ -7,11 +7,7 @@
 #include "cmp_ldap_internal.h"
 #include "support.h"
 
-using support::Bytes;
-using support::hex;
-using support::make_message;
-using support::operator+;
-using support::tlv;
+using namespace support;
 using Lines = std::vector<std::string>;
 
 namespace {
@@ -20,7 +16,7 @@ Bytes oss(std::initializer_list<std::string> texts) /* OCTET STRINGs in a row */
 {
     Bytes out;
     for (const std::string &t : texts)
-        out = out + support::octets(t);
+        out = out + octets(t);
     return out;
 }
 Bytes msg(uint8_t op, const Bytes &content, uint8_t id = 2)
@@ -60,7 +56,7 @@ std::string str(const char *s)
 void release(CMP_LDAP &h)
 {
     for (char **t : {&h.ld_matched, &h.ld_error, &h.ld_referral})
-        support::free_block(std::exchange(*t, nullptr));
+        free_block(std::exchange(*t, nullptr));
 }
 
 enum Op { kVal, kBin, kDn, kRefs, kR2e, kKeep, kWalk, kWalk2, kId, kType, kFree, kDns, kDns1 };
@@ -114,7 +110,7 @@ long run(Op op, CMP_LDAP &h, CMP_LDAP_MESSAGE *&m, const char *arg = "x")
     return cmp_ldap_value_free(texts);
 }
 
-/* cmp_ldap_<fn>'s log since the last clear, lines whole (support::whole), without the
+/* cmp_ldap_<fn>'s log since the last clear, lines whole (whole), without the
  * "cmp_ldap_<fn>(): " heads, a handle dump (the trace tests' business) as "[dump]", m as
  * "%p". Clears the log. */
 std::string log_of(const std::string &fn, const void *m = nullptr)
@@ -124,7 +120,7 @@ std::string log_of(const std::string &fn, const void *m = nullptr)
     snprintf(p, sizeof p, "%p", m);
     std::string out;
     for (const fake::LogLine &line : fake::log()) {
-        std::string l = support::whole(line);
+        std::string l = whole(line);
         if (l.compare(0, head.size(), head) != 0 || l.find("(): ld: ld_errno=") != l.npos) continue;
         l.erase(0, head.size());
         if (m != nullptr && l.find(p) != l.npos) l.replace(l.find(p), strlen(p), "%p");
@@ -134,12 +130,12 @@ std::string log_of(const std::string &fn, const void *m = nullptr)
     return out;
 }
 
-class Message : public support::FakePortTest {
+class Message : public FakePortTest {
   protected:
     void TearDown() override
     {
         release(ld);
-        support::FakePortTest::TearDown();
+        FakePortTest::TearDown();
     }
     /* A parameter error: this result (null, 0 for counts), ld_errno untouched, this log. */
     template <typename T>
@@ -211,7 +207,7 @@ TEST_F(Message, ReadsWholeMessages)
     EXPECT_EQ(run(kFree, ld, m), CMP_LDAP_RES_SEARCH_REFERENCE);
     m = make_message(msg(0x73, {}));
     EXPECT_EQ(run(kRefs, ld, m), 0); /* an array holding only the terminator */
-    support::free_block(m);
+    free_block(m);
     EXPECT_EQ(ld.ld_errno, 77);
     EXPECT_TRUE(fake::log_texts().empty());
 
@@ -222,7 +218,7 @@ TEST_F(Message, ReadsWholeMessages)
     EXPECT_EQ(cmp_ldap_next_attribute(&ld, m, m), nullptr);
     EXPECT_EQ(ld.ld_errno, CMP_LDAP_DECODING_ERROR);
     EXPECT_EQ(log_of("next_attribute"), "Cannot get next attributes pos.\n[dump]");
-    support::free_block(m);
+    free_block(m);
 }
 
 #define NUL "parameter error (next either is NULL: "
@@ -296,7 +292,7 @@ TEST_F(Message, FailuresLogAndSetErrno)
         EXPECT_EQ(run(op, ld, m), op == kWalk ? 0 : op == kWalk2 ? 1 : -1);
         EXPECT_EQ(ld.ld_errno, err);
         EXPECT_EQ(log_of(kFn[op], was), log);
-        support::free_block(m); /* null when the call released it */
+        free_block(m); /* null when the call released it */
         release(ld);
     }
     /* parameter errors: null (or 0, or -1), ld_errno untouched */
@@ -321,7 +317,7 @@ TEST_F(Message, FailuresLogAndSetErrno)
     bad(cmp_ldap_dn_free(nullptr), "dn_free", "parameter error.\n"); /* the log's 0, here */
     bad(cmp_ldap_explode_dn(nullptr, 1), "explode_dn", "parameter error (dn=NULL,notypes=1).\n");
     bad(cmp_ldap_substrcpy(nullptr, "x"), "substrcpy", "parameter error.\n");
-    support::free_block(m);
+    free_block(m);
 }
 
 TEST_F(Message, ResultCodesAndResult2error)
@@ -342,10 +338,10 @@ TEST_F(Message, ResultCodesAndResult2error)
         EXPECT_EQ(cmp_ldap_result2error(&ld, m, freeit), rc);
         EXPECT_EQ(ld.ld_errno, rc);
         EXPECT_EQ(str(ld.ld_matched) + "|" + str(ld.ld_error) + "|" + str(ld.ld_referral), texts);
-        if (!freeit) support::free_block(m); /* still ours */
+        if (!freeit) free_block(m); /* still ours */
         release(ld);
     }
-    EXPECT_EQ(support::take_log(), /* only the long-form referral's, decoded at its length */
+    EXPECT_EQ(take_log(), /* only the long-form referral's, decoded at its length */
               "cmp_ldap_ber_decode_string_stub(): It's not correct type (tag.type = 11).\n");
 
     /* a SASL bind finished inside the library answers once, without the message */
@@ -385,17 +381,17 @@ TEST_F(Message, EveryAllocationFailingInTurn)
         {kR2e, kReferral, "", {10, -1, -1, 10}, {10, 259, 259, 10}}, /* a URL lost is no failure */
     };
     for (const auto &row : rows) {
-        long n = support::sweep_alloc_failures([&](long k) {
+        long n = sweep_alloc_failures([&](long k) {
             auto &[op, pdu, arg, rc, err] = row;
             CMP_LDAP h{};
             CMP_LDAP_MESSAGE *m = make_message(pdu);
             fake::arm_alloc_failure(k);
             EXPECT_EQ(run(op, h, m, arg), rc[k]) << kFn[op] << " " << arg << " failing " << k;
             EXPECT_EQ(h.ld_errno, err[k]) << kFn[op] << " " << arg << " failing " << k;
-            EXPECT_EQ(bool(support::logged_whole(support::err(
+            EXPECT_EQ(bool(logged_whole(support::err(
                           -1, "cmp_ldap_get_referrals(): Failed to alloc referral-array.\n"))),
                       op == kRefs && k == 1); /* the one path only memory takes */
-            support::free_block(m);
+            free_block(m);
             release(h);
         });
         EXPECT_EQ(n + 1, (long)std::get<4>(row).size());
@@ -412,7 +408,7 @@ TEST_F(Message, EveryTruncatedPrefix)
     };
     const size_t dn_end = end_of(kEntry, kEntryDn), url_end = end_of(kReferral, "ldap://a/");
     for (const Bytes *pdu : {&kEntry, &kDone, &kReferral, &kReference, &kBind})
-        for (auto make : {support::make_message, support::make_tight_message})
+        for (auto make : {make_message, make_tight_message})
             for (size_t len = 0; len < pdu->size(); ++len)
                 for (Op op : {kR2e, kKeep, kVal, kBin, kDn, kRefs, kWalk}) {
                     SCOPED_TRACE(testing::Message() << kFn[op] << " " << len << "/" << pdu->size());
@@ -435,18 +431,18 @@ TEST_F(Message, EveryTruncatedPrefix)
                         EXPECT_EQ(rc, -1);
                         EXPECT_TRUE(ld.ld_errno == 259 || ld.ld_errno == 265) << ld.ld_errno;
                     }
-                    support::free_block(m);
+                    free_block(m);
                     release(ld);
                 }
     /* declared lengths that would carry a 32-bit position past 2 GiB */
     const Bytes huge = hex("04 84 7F FF FF F0 61 04 01 62");
     for (const Bytes &pdu : {entry(tlv(0x30, oss({"x"}) + tlv(0x31, huge))), msg(0x73, huge),
                              entry(hex("30 84 7F FF FF F0 04 01 78 31 00") + attr("x", {"a"}))})
-        for (auto make : {support::make_message, support::make_tight_message})
+        for (auto make : {make_message, make_tight_message})
             for (Op op : {kVal, kBin, kRefs, kWalk}) {
                 CMP_LDAP_MESSAGE *m = make(pdu);
                 EXPECT_LE(run(op, ld, m), op == kWalk ? 2 : 0); /* an empty SET at most */
-                support::free_block(m);
+                free_block(m);
             }
 }
 

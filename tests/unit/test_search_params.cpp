@@ -1,5 +1,7 @@
 /* Search parameters: comma lists parsed into the filter, presence filter and
  * attribute list, each with every allocation failing in turn. */
+#include <tuple>
+
 #include "cmp_ldap_internal.h"
 #include "support.h"
 
@@ -52,10 +54,8 @@ class SearchParams : public support::FakePortTest {};
 TEST_F(SearchParams, ParsingAndEveryAllocationFailing)
 {
     const std::string w(CMP_LDAP_TEXT_MAX, 'w'); /* a full-width entry, ended by the zero fill */
-    struct {
-        const char *kind, *a, *v;
-        Strings want;
-    } rows[] = {
+    /* the parser, the attribute and value lists given, the entries it gives */
+    const std::tuple<const char *, const char *, const char *, Strings> rows[] = {
         {F, "cn, mail", "abc ,x", {"cn=abc", "mail=x"}},
         {F, "cn,,mail", "a,b,c", {"cn=a"}}, /* entry 2 is never looked at */
         {F, "cn", "", {}},
@@ -73,11 +73,11 @@ TEST_F(SearchParams, ParsingAndEveryAllocationFailing)
         {A, "a,b,c,d,e,f,g,h,i", "", {"a", "b", "c", "d", "e", "f", "g", "h"}},
         {A, "  common name  ,\tx, cn\t ,a,", "", {"common name", "\tx", "cn\t", "a"}},
     };
-    for (const auto &r : rows)
+    for (const auto &[kind, a, v, want] : rows)
         support::sweep_alloc_failures([&](long k) {
             fake::arm_alloc_failure(k);
-            EXPECT_EQ(parse(r.kind, r.a, r.v), k ? Strings{"null"} : r.want) << (r.a ? r.a : "");
-            std::string line = std::string("cmp_ldap_parse_search_") + r.kind +
+            EXPECT_EQ(parse(kind, a, v), k ? Strings{"null"} : want) << (a ? a : "");
+            std::string line = std::string("cmp_ldap_parse_search_") + kind +
                                "(): Failed to allocate(" +
                                std::to_string(fake::alloc_sizes().back()) + " btyes).\n";
             EXPECT_EQ(fake::log(), k ? support::uncoded({line}) : support::Log{});

@@ -1,10 +1,11 @@
 /* Handle, memory helpers, message ids and trace dumps. */
+#include <tuple>
+
 #include "cmp_ldap_internal.h"
 #include "support.h"
 
-using support::Log;
-using support::uncoded;
-class Util : public support::FakePortTest {};
+using namespace support;
+class Util : public FakePortTest {};
 
 TEST_F(Util, HandleMessageIdsAndAllocator)
 {
@@ -19,11 +20,11 @@ TEST_F(Util, HandleMessageIdsAndAllocator)
     ld->ld_mid = 65534;
     for (int32_t want : {65535, 0, 1})
         EXPECT_EQ(cmp_ldap_get_new_message_id(ld), want);
-    support::free_block(ld);
+    free_block(ld);
 
     void *p = cmp_ldap_malloc("zero", 0); /* passed to the OS wrapper as it stands */
     EXPECT_EQ(fake::alloc_sizes().back(), 0u);
-    support::free_block(p);
+    free_block(p);
 
     fake::arm_alloc_failure(1, true);
     EXPECT_EQ(cmp_ldap_malloc("some_caller", 1234), nullptr);
@@ -46,8 +47,8 @@ TEST_F(Util, StrdupVariants)
         EXPECT_STREQ(dup, c[0]);
         EXPECT_STREQ(ws, c[1]) << "input '" << c[0] << "'";
         EXPECT_EQ(fake::alloc_sizes().back(), strlen(c[0]) + 1); /* sized for the whole input */
-        support::free_block(dup);
-        support::free_block(ws);
+        free_block(dup);
+        free_block(ws);
     }
     EXPECT_EQ(cmp_ldap_strdup(nullptr), nullptr);
     EXPECT_EQ(cmp_ldap_strdup_without_space(nullptr), nullptr);
@@ -105,18 +106,16 @@ TEST_F(Util, TraceDumps)
 
 TEST_F(Util, ProtocolSetting)
 {
-    struct {
-        int32_t rc;
-        uint8_t value;
-        int expected;
-    } cases[] = {{0, 1, 0}, {0, 0, -1}, {0, 0xff, 0}, {5, 1, -1}};
-    for (auto &c : cases) {
+    /* the setting's read result and value, and the check's result */
+    const std::tuple<int32_t, uint8_t, int> cases[] = {
+        {0, 1, 0}, {0, 0, -1}, {0, 0xff, 0}, {5, 1, -1}};
+    for (const auto &[rc, value, expected] : cases) {
         fake::reset();
-        fake::set_setting(c.rc, c.value);
-        EXPECT_EQ(cmp_ldap_check_protocol_setting(), c.expected);
-        EXPECT_EQ(fake::log(), c.rc == 0 ? Log{}
-                                         : uncoded({"cmp_ldap_check_protocol_setting(): Cannot "
-                                                    "read ME_STC_U08_LDAP_PROTOCOL.retcode="
-                                                    "0x00000005.\n"}));
+        fake::set_setting(rc, value);
+        EXPECT_EQ(cmp_ldap_check_protocol_setting(), expected);
+        EXPECT_EQ(fake::log(), rc == 0 ? Log{}
+                                       : uncoded({"cmp_ldap_check_protocol_setting(): Cannot "
+                                                  "read ME_STC_U08_LDAP_PROTOCOL.retcode="
+                                                  "0x00000005.\n"}));
     }
 }

@@ -3,14 +3,13 @@
  * first attribute of that name wins), whatever the types: repeated in other cases,
  * holding a NUL, too long to leave room after them, or many. */
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "cmp_ldap_internal.h"
 #include "support.h"
 
-using support::Bytes;
-using support::operator+;
-using support::tlv;
+using namespace support;
 
 namespace {
 
@@ -18,8 +17,8 @@ Bytes attr(const std::string &type, const std::vector<std::string> &values)
 {
     Bytes set;
     for (const std::string &v : values)
-        set = set + support::octets(v);
-    return tlv(0x30, support::octets(type) + tlv(0x31, set));
+        set = set + octets(v);
+    return tlv(0x30, octets(type) + tlv(0x31, set));
 }
 
 /* Every value array of an entry, as the walk reads them, or "null:<ld_errno>". */
@@ -36,12 +35,9 @@ std::vector<std::string> walk(CMP_LDAP_MESSAGE *m, bool with_copy)
             void **vals = cmp_ldap_get_values_both(&ld, m, with_copy ? copy.c_str() : name, binary);
             std::string got = vals == nullptr ? "null:" + std::to_string(ld.ld_errno) : "";
             for (int i = 0; vals != nullptr && vals[i] != nullptr; ++i) {
-                if (binary) {
-                    auto *v = static_cast<CMP_LDAP_BERVAL *>(vals[i]);
-                    got += std::string(reinterpret_cast<const char *>(v->data), v->total_size);
-                } else {
-                    got += static_cast<const char *>(vals[i]);
-                }
+                auto *v = static_cast<CMP_LDAP_BERVAL *>(vals[i]);
+                got += binary ? std::string(reinterpret_cast<const char *>(v->data), v->total_size)
+                              : std::string(static_cast<const char *>(vals[i]));
                 got += "|";
             }
             if (vals != nullptr) cmp_ldap_value_free(reinterpret_cast<char **>(vals));
@@ -51,20 +47,16 @@ std::vector<std::string> walk(CMP_LDAP_MESSAGE *m, bool with_copy)
     return seen;
 }
 
-class Walk : public support::FakePortTest {};
+class Walk : public FakePortTest {};
 
 TEST_F(Walk, TheBufferFindsWhatACopyOfTheNameFinds)
 {
-    const std::string nul("cn\0x", 4);
-    const std::string longer(350, 'a');
+    const std::string nul("cn\0x", 4), longer(350, 'a');
     Bytes many;
     for (int i = 0; i < 70; ++i)
         many = many + attr("t" + std::to_string(i), {std::to_string(i)});
-    const struct {
-        const char *what;
-        Bytes attrs;
-        std::vector<std::string> want_first;
-    } cases[] = {
+    /* what, the attributes, the walk's value arrays (empty: checked below) */
+    const std::tuple<const char *, Bytes, std::vector<std::string>> cases[] = {
         {"repeated",
          attr("cn", {"a"}) + attr("mail", {"m"}) + attr("CN", {"b"}) + attr("Cn", {}),
          {"cn=a|", "cn=a|", "mail=m|", "mail=m|", "CN=a|", "CN=a|", "Cn=a|", "Cn=a|"}},
@@ -74,15 +66,15 @@ TEST_F(Walk, TheBufferFindsWhatACopyOfTheNameFinds)
          {longer + "=1|", longer + "=1|", "cn=2|", "cn=2|", longer + "=1|", longer + "=1|"}},
         {"many", many + attr("t3", {"again"}) + attr("T69", {"again"}), {}},
     };
-    for (const auto &c : cases) {
-        const Bytes pdu = tlv(
-            0x30, Bytes{0x02, 0x01, 0x02} + tlv(0x64, support::octets("o=x") + tlv(0x30, c.attrs)));
-        CMP_LDAP_MESSAGE *m = support::make_message(pdu);
+    for (const auto &[what, attrs, want_first] : cases) {
+        const Bytes pdu =
+            tlv(0x30, Bytes{0x02, 0x01, 0x02} + tlv(0x64, octets("o=x") + tlv(0x30, attrs)));
+        CMP_LDAP_MESSAGE *m = make_message(pdu);
         const std::vector<std::string> by_buffer = walk(m, false);
         const std::vector<std::string> by_copy = walk(m, true);
-        EXPECT_EQ(by_buffer, by_copy) << c.what;
-        if (!c.want_first.empty()) {
-            EXPECT_EQ(by_buffer, c.want_first) << c.what;
+        EXPECT_EQ(by_buffer, by_copy) << what;
+        if (!want_first.empty()) {
+            EXPECT_EQ(by_buffer, want_first) << what;
         } else {
             /* 70 distinct names, then two that repeat earlier ones (t3, and t69 as T69). */
             ASSERT_EQ(by_buffer.size(), 144u);
