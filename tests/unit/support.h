@@ -18,6 +18,7 @@
 
 #include "cmp_ldap.h"
 #include "fake_port.h"
+#include "zelOSW.h"
 
 namespace fake {
 
@@ -43,17 +44,13 @@ using Log = std::vector<fake::LogLine>;
 /* One whole line as the core writes it: module "CMP_LDAP", a level (0 errors and
  * dumps, 1 the trace of a request), the reserved 0, the result code it reports
  * (-1: none) and the text. */
-inline fake::LogLine log_line(int level, int32_t rc, const std::string &text)
-{
-    return fake::LogLine{"CMP_LDAP", level, 0, rc, text};
-}
 inline fake::LogLine err(int32_t rc, const std::string &text)
 {
-    return log_line(0, rc, text);
+    return fake::LogLine{"CMP_LDAP", 0, 0, rc, text};
 }
 inline fake::LogLine trace(const std::string &text)
 {
-    return log_line(1, -1, text);
+    return fake::LogLine{"CMP_LDAP", 1, 0, -1, text};
 }
 
 /* Lines at level 0 that report no code, as dumps, decoders and accessors write them. */
@@ -119,9 +116,15 @@ inline std::string to_hex(const Bytes &b)
     return out;
 }
 
-/* Hand-built BER: tag, definite length (short, 81 or 82 form) and content. Built by
- * appending: GCC 12 on 32-bit ARM misreads vector::insert of a short range as out of
- * bounds. */
+/* Byte strings join with + (built by appending: GCC 12 on 32-bit ARM misreads
+ * vector::insert of a short range as out of bounds). */
+inline Bytes operator+(Bytes a, const Bytes &b)
+{
+    for (uint8_t c : b)
+        a.push_back(c);
+    return a;
+}
+/* Hand-built BER: tag, definite length (short, 81 or 82 form) and content. */
 inline Bytes tlv(uint8_t tag, const Bytes &content)
 {
     Bytes out{tag};
@@ -129,24 +132,14 @@ inline Bytes tlv(uint8_t tag, const Bytes &content)
     if (n >= 0x80) out.push_back(n >= 0x100 ? 0x82 : 0x81);
     if (n >= 0x100) out.push_back(uint8_t(n >> 8));
     out.push_back(uint8_t(n));
-    for (uint8_t c : content)
-        out.push_back(c);
-    return out;
+    return out + content;
 }
 inline Bytes cat(std::initializer_list<Bytes> parts)
 {
     Bytes out;
     for (const Bytes &p : parts)
-        for (uint8_t c : p)
-            out.push_back(c);
+        out = out + p;
     return out;
-}
-/* Byte strings join with +. */
-inline Bytes operator+(Bytes a, const Bytes &b)
-{
-    for (uint8_t c : b)
-        a.push_back(c);
-    return a;
 }
 /* An OCTET STRING holding s. */
 inline Bytes octets(const std::string &s)
@@ -223,10 +216,5 @@ inline long sweep_alloc_failures(const std::function<void(long k)> &scenario)
 }
 
 }  // namespace support
-
-/* The log holds this whole line: module "CMP_LDAP", level, the reserved 0, the
- * result code and the text. */
-#define EXPECT_LOG(level, rc, text) \
-    EXPECT_TRUE(support::logged_whole(support::log_line((level), (rc), (text))))
 
 #endif
