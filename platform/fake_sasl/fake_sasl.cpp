@@ -10,21 +10,20 @@
 #include <string.h>
 #include <sys/socket.h>
 
-#include <memory>
 #include <mutex>
 #include <set>
+#include <utility>
 
-namespace fake_sasl {
 namespace {
 
 struct State {
-    Script script;
+    fake_sasl::Script script;
     size_t starts = 0, steps = 0;
     std::vector<std::string> calls;
     std::set<void *> conns;
-    Seen seen;
-    std::string out;              /* clientout stays valid until the next start or step */
-    std::string encoded, decoded; /* valid until the next sasl_encode, sasl_decode */
+    fake_sasl::Seen seen;
+    std::string out;                       /* clientout stays valid until the next start or step */
+    std::vector<uint8_t> encoded, decoded; /* valid until the next sasl_encode, sasl_decode */
     sasl_interact_t prompts[2]{};
 };
 
@@ -36,13 +35,21 @@ State &st()
 }
 using Guard = std::lock_guard<std::mutex>;
 
+/* Every library call starts here: takes the lock for the call and logs it. */
+std::unique_lock<std::mutex> enter(std::string call)
+{
+    std::unique_lock<std::mutex> lock(g_lock);
+    st().calls.push_back(std::move(call));
+    return lock;
+}
+
 /* Serves one scripted reply: rc, clientout and, for SASL_INTERACT, one prompt. */
-int serve(const std::vector<Reply> &replies, size_t *next, sasl_interact_t **prompt_need,
+int serve(const std::vector<fake_sasl::Reply> &replies, size_t *next, sasl_interact_t **prompt_need,
           const char **clientout, unsigned *clientoutlen)
 {
     State &s = st();
-    Reply r = *next < replies.size() ? replies[*next] : Reply{SASL_FAIL, "", true, 0};
-    ++*next;
+    fake_sasl::Reply r =
+        *next < replies.size() ? replies[(*next)++] : fake_sasl::Reply{SASL_FAIL, "", true, 0};
     s.out = r.out;
     if (clientout != nullptr) *clientout = r.null_out ? nullptr : s.out.c_str();
     if (clientoutlen != nullptr) *clientoutlen = r.null_out ? 0u : (unsigned)s.out.size();
@@ -69,6 +76,8 @@ void note_answer()
 }
 
 }  // namespace
+
+namespace fake_sasl {
 
 void reset(const Script &script)
 {
@@ -97,27 +106,29 @@ Seen seen()
     return st().seen;
 }
 
-}  // namespace fake_sasl
+std::vector<uint8_t> wrap(const std::vector<uint8_t> &plain)
+{
+    const uint32_t n = (uint32_t)plain.size();
+    std::vector<uint8_t> out = {uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)};
+    for (uint8_t b : plain)
+        out.push_back(uint8_t(b ^ kLayerMask));
+    return out;
+}
 
-using fake_sasl::g_lock;
-using fake_sasl::Guard;
-using fake_sasl::st;
-using fake_sasl::State;
+}  // namespace fake_sasl
 
 extern "C" {
 
 void sasl_version(const char **implementation, int *version)
 {
-    Guard g(g_lock);
-    st().calls.emplace_back("sasl_version");
+    auto lock = enter("sasl_version");
     if (implementation != nullptr) *implementation = "fake";
     if (version != nullptr) *version = st().script.version;
 }
 
 int sasl_client_init(const sasl_callback_t *)
 {
-    Guard g(g_lock);
-    st().calls.emplace_back("sasl_client_init");
+    auto lock = enter("sasl_client_init");
     return st().script.client_init;
 }
 
@@ -125,9 +136,8 @@ int sasl_client_new(const char *service, const char *serverFQDN, const char *ipl
                     const char *ipremoteport, const sasl_callback_t *prompt_supp, unsigned flags,
                     sasl_conn_t **pconn)
 {
-    Guard g(g_lock);
+    auto lock = enter(std::string("sasl_client_new ") + service + " " + serverFQDN);
     State &s = st();
-    s.calls.push_back(std::string("sasl_client_new ") + service + " " + serverFQDN);
     s.seen.addresses_null = iplocalport == nullptr && ipremoteport == nullptr;
     s.seen.flags = flags;
     s.seen.callback_ids.clear();
@@ -148,8 +158,7 @@ int sasl_client_new(const char *service, const char *serverFQDN, const char *ipl
 
 int sasl_getprop(sasl_conn_t *, int propnum, const void **pvalue)
 {
-    Guard g(g_lock);
-    st().calls.push_back("sasl_getprop " + std::to_string(propnum));
+    auto lock = enter("sasl_getprop " + std::to_string(propnum));
     if (propnum == SASL_SSF) {
         *pvalue = &st().script.ssf;
     } else if (propnum == SASL_MAXOUTBUF) {
@@ -163,16 +172,12 @@ int sasl_getprop(sasl_conn_t *, int propnum, const void **pvalue)
 int sasl_encode(sasl_conn_t *, const char *input, unsigned inputlen, const char **output,
                 unsigned *outputlen)
 {
-    Guard g(g_lock);
+    auto lock = enter("sasl_encode " + std::to_string(inputlen));
     State &s = st();
-    s.calls.push_back("sasl_encode " + std::to_string(inputlen));
     if (s.script.encode != SASL_OK) return s.script.encode;
     if (inputlen > s.script.maxoutbuf) return SASL_BADPARAM;
-    s.encoded.assign(
-        {char(inputlen >> 24), char(inputlen >> 16), char(inputlen >> 8), char(inputlen)});
-    for (unsigned i = 0; i < inputlen; ++i)
-        s.encoded.push_back(char(input[i] ^ fake_sasl::kLayerMask));
-    *output = s.encoded.data();
+    s.encoded = fake_sasl::wrap(std::vector<uint8_t>(input, input + inputlen));
+    *output = reinterpret_cast<const char *>(s.encoded.data());
     *outputlen = (unsigned)s.encoded.size();
     return SASL_OK;
 }
@@ -180,26 +185,23 @@ int sasl_encode(sasl_conn_t *, const char *input, unsigned inputlen, const char 
 int sasl_decode(sasl_conn_t *, const char *input, unsigned inputlen, const char **output,
                 unsigned *outputlen)
 {
-    Guard g(g_lock);
+    auto lock = enter("sasl_decode " + std::to_string(inputlen));
     State &s = st();
-    s.calls.push_back("sasl_decode " + std::to_string(inputlen));
     if (s.script.decode != SASL_OK) return s.script.decode;
-    const auto *in = reinterpret_cast<const unsigned char *>(input);
-    if (inputlen < 4 || ((uint32_t)in[0] << 24 | (uint32_t)in[1] << 16 | (uint32_t)in[2] << 8 |
-                         in[3]) != inputlen - 4)
-        return SASL_BADPROT;
+    const std::vector<uint8_t> in(input, input + inputlen);
     s.decoded.clear();
-    for (unsigned i = 4; i < inputlen; ++i)
-        s.decoded.push_back(char(in[i] ^ fake_sasl::kLayerMask));
-    *output = s.decoded.data();
+    for (size_t i = 4; i < in.size(); ++i)
+        s.decoded.push_back(uint8_t(in[i] ^ fake_sasl::kLayerMask));
+    /* Shorter than a length, or a length other than what follows it. */
+    if (fake_sasl::wrap(s.decoded) != in) return SASL_BADPROT;
+    *output = reinterpret_cast<const char *>(s.decoded.data());
     *outputlen = (unsigned)s.decoded.size();
     return SASL_OK;
 }
 
 int sasl_setprop(sasl_conn_t *, int propnum, const void *value)
 {
-    Guard g(g_lock);
-    st().calls.push_back("sasl_setprop " + std::to_string(propnum));
+    auto lock = enter("sasl_setprop " + std::to_string(propnum));
     if (propnum == SASL_SEC_PROPS)
         st().seen.secprops = *static_cast<const sasl_security_properties_t *>(value);
     return st().script.setprop;
@@ -208,36 +210,32 @@ int sasl_setprop(sasl_conn_t *, int propnum, const void *value)
 int sasl_client_start(sasl_conn_t *, const char *mechlist, sasl_interact_t **prompt_need,
                       const char **clientout, unsigned *clientoutlen, const char **mech)
 {
-    Guard g(g_lock);
-    fake_sasl::note_answer();
-    st().calls.push_back(std::string("sasl_client_start ") + mechlist);
+    auto lock = enter(std::string("sasl_client_start ") + mechlist);
+    note_answer();
     if (mech != nullptr) *mech = "GSSAPI";
-    return fake_sasl::serve(st().script.start, &st().starts, prompt_need, clientout, clientoutlen);
+    return serve(st().script.start, &st().starts, prompt_need, clientout, clientoutlen);
 }
 
 int sasl_client_step(sasl_conn_t *, const char *serverin, unsigned serverinlen,
                      sasl_interact_t **prompt_need, const char **clientout, unsigned *clientoutlen)
 {
-    Guard g(g_lock);
-    fake_sasl::note_answer();
-    st().calls.push_back("sasl_client_step " + (serverin == nullptr
-                                                    ? std::string("null")
-                                                    : std::to_string(serverinlen) + " " +
-                                                          std::string(serverin, serverinlen)));
-    return fake_sasl::serve(st().script.step, &st().steps, prompt_need, clientout, clientoutlen);
+    auto lock =
+        enter("sasl_client_step " + (serverin == nullptr ? std::string("null")
+                                                         : std::to_string(serverinlen) + " " +
+                                                               std::string(serverin, serverinlen)));
+    note_answer();
+    return serve(st().script.step, &st().steps, prompt_need, clientout, clientoutlen);
 }
 
 const char *sasl_errdetail(sasl_conn_t *)
 {
-    Guard g(g_lock);
-    st().calls.emplace_back("sasl_errdetail");
+    auto lock = enter("sasl_errdetail");
     return st().script.errdetail.c_str();
 }
 
 void sasl_dispose(sasl_conn_t **pconn)
 {
-    Guard g(g_lock);
-    st().calls.emplace_back("sasl_dispose");
+    auto lock = enter("sasl_dispose");
     if (pconn == nullptr || *pconn == nullptr) return;
     if (st().conns.erase(*pconn) == 1) delete reinterpret_cast<int *>(*pconn);
     *pconn = nullptr;
@@ -246,8 +244,7 @@ void sasl_dispose(sasl_conn_t **pconn)
 OM_uint32 KRB5_CALLCONV gss_krb5_ccache_name(OM_uint32 *minor_status, const char *name,
                                              const char **out_name)
 {
-    Guard g(g_lock);
-    st().calls.push_back(std::string("gss_krb5_ccache_name ") + name);
+    auto lock = enter(std::string("gss_krb5_ccache_name ") + name);
     if (out_name != nullptr) *out_name = nullptr;
     *minor_status = st().script.gss_minor;
     return st().script.gss_major;
@@ -255,8 +252,7 @@ OM_uint32 KRB5_CALLCONV gss_krb5_ccache_name(OM_uint32 *minor_status, const char
 
 int getpeername(int, __SOCKADDR_ARG addr, socklen_t *__restrict len) __THROW
 {
-    Guard g(g_lock);
-    st().calls.emplace_back("getpeername");
+    auto lock = enter("getpeername");
     st().seen.peer_len = (long)*len;
     if (!st().script.peer) return -1;
     sockaddr_in sin{};
@@ -271,8 +267,7 @@ int getpeername(int, __SOCKADDR_ARG addr, socklen_t *__restrict len) __THROW
 int getnameinfo(const struct sockaddr *__restrict, socklen_t, char *__restrict host,
                 socklen_t hostlen, char *__restrict serv, socklen_t, int flags)
 {
-    Guard g(g_lock);
-    st().calls.emplace_back("getnameinfo");
+    auto lock = enter("getnameinfo");
     st().seen.host_len = (long)hostlen;
     st().seen.serv_null = serv == nullptr;
     st().seen.name_flags = flags;

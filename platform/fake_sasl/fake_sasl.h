@@ -17,21 +17,16 @@
 #include <stdint.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace fake_sasl {
 
 /* One outcome of sasl_client_start or sasl_client_step. */
 struct Reply {
-    Reply(int r = SASL_OK, std::string o = "", bool n = false, unsigned long p = 0)
-        : rc(r), out(std::move(o)), null_out(n), prompt(p)
-    {
-    }
-    int rc;
-    std::string out;      /* clientout */
-    bool null_out;        /* clientout NULL (length 0) instead */
-    unsigned long prompt; /* with SASL_INTERACT: the id of the one prompt asked */
+    int rc = SASL_OK;
+    std::string out{};        /* clientout */
+    bool null_out = false;    /* clientout NULL (length 0) instead */
+    unsigned long prompt = 0; /* with SASL_INTERACT: the id of the one prompt asked */
 };
 
 struct Script {
@@ -47,15 +42,17 @@ struct Script {
     bool peer = true;                       /* getpeername answers 127.0.0.1:389 */
     std::string reverse_name = "localhost"; /* getnameinfo's name; empty: no name */
     /* The security layer: what sasl_getprop reports once the conversation is over,
-     * and sasl_encode/_decode's outcome. The fake layer is a length prefix (4
-     * octets, high first) and every octet XOR kLayerMask; sasl_encode refuses more
-     * than maxoutbuf octets and sasl_decode anything but one whole buffer. */
+     * and sasl_encode/_decode's outcome. The layer is wrap()'s; sasl_encode refuses
+     * more than maxoutbuf octets and sasl_decode anything but one whole buffer. */
     unsigned ssf = 0;
     unsigned maxoutbuf = 4096;
     int encode = SASL_OK;
     int decode = SASL_OK;
 };
 constexpr uint8_t kLayerMask = 0x5A;
+/* The fake layer's buffer for these octets: their length (4 octets, high first),
+ * then every octet XOR kLayerMask. */
+std::vector<uint8_t> wrap(const std::vector<uint8_t> &plain);
 
 /* Starts afresh with this script: no calls, no connections. Each new connection
  * plays the start and step replies from their beginning. */

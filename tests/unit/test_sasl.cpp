@@ -1,8 +1,12 @@
 /* SASL bind: one step with its BindResponse, the peer's name, the GSSAPI conversation
- * against the fake SASL library, the interactive bind task and the 0xa3 bind. */
+ * against the fake SASL library, the interactive bind task and the 0xa3 bind. Then the
+ * security layer a caller opts into: what the bind asks for and keeps, the wrapped
+ * requests, the wrapped responses under the PDU reader (chunk boundaries, hostile and cut
+ * buffers, failures of the SASL library) and the end at unbind. The fake SASL library's
+ * layer is fake_sasl::wrap(): a 4-octet length and every octet XOR kLayerMask. */
 #include <stdio.h>
-#include <sys/stat.h>
 
+#include <algorithm>
 #include <functional>
 #include <utility>
 
@@ -10,6 +14,7 @@
 #include "fake_sasl.h"
 #include "support.h"
 
+using fake_sasl::wrap;
 using support::Bytes;
 using support::cat;
 using support::hex;
@@ -18,6 +23,8 @@ using support::tlv;
 using Lines = std::vector<std::string>;
 
 namespace {
+
+constexpr int32_t kSock = 7;
 
 /* The SASL BindRequest the library must send: id, GSSAPI, credentials if any. */
 Bytes request(uint8_t id, const std::string &cred)
@@ -37,15 +44,31 @@ Bytes creds(const std::string &s)
 {
     return tlv(0x87, Bytes(s.begin(), s.end()));
 }
-
-std::string make_cache_file()
+/* The server side of the default exchange from this id: 14 with a token, 14, then 0. */
+std::vector<Bytes> exchange(uint8_t first_id)
 {
+    return {response(first_id, 14, creds("srv1")), response(first_id + 1, 14, creds("srv2")),
+            response(first_id + 2, 0, creds(""))};
+}
+/* These PDUs in one buffer, each wrapped when the layer is in force. */
+Bytes joined(const std::vector<Bytes> &pdus, bool wrapped = false)
+{
+    Bytes out;
+    for (const Bytes &pdu : pdus)
+        out = cat({out, wrapped ? wrap(pdu) : pdu});
+    return out;
+}
+Bytes slice(const Bytes &b, size_t from, size_t to)
+{
+    return Bytes(b.begin() + (long)from, b.begin() + (long)to);
+}
+
+const std::string kCache = [] {
     std::string path = ::testing::TempDir() + "toveistror-test-ccache";
     FILE *f = fopen(path.c_str(), "w");
     if (f != nullptr) fclose(f);
     return path;
-}
-const std::string kCache = make_cache_file();
+}();
 const std::string kNoCache = ::testing::TempDir() + "toveistror-no-such-ccache";
 const std::string kDirCache = ::testing::TempDir();
 
@@ -55,32 +78,66 @@ const support::Log kTrace = {
     support::trace("cmp_ldap_sasl_bind(): msgid=1\n"),
     support::trace("cmp_ldap_sasl_bind(): msgid=2\n"),
     support::trace("cmp_ldap_sasl_bind(): msgid=3\n")};
+/* A SearchResultDone for id 5: the PDU the layer's reads expect. */
+const Bytes kDone = hex("30 0C 02 01 05 65 07 0A 01 00 04 00 04 00");
 
-class Sasl : public support::FakePortTest {
+/* The level-0 lines, whole (see support::whole): module, reserved 0, code, text. */
+Lines errors()
+{
+    Lines out;
+    for (const fake::LogLine &l : fake::log())
+        if (l.level == 0) out.push_back(support::whole(l));
+    return out;
+}
+/* An error line reporting rc, as errors() shows it. */
+std::string e(int32_t rc, const std::string &text)
+{
+    return support::whole(support::err(rc, text));
+}
+Lines os_calls_but_exit()  // the task's exit races with the caller's wait
+{
+    Lines out;
+    for (const std::string &c : fake::os_calls())
+        if (c != "zelOSWExitTask") out.push_back(c);
+    return out;
+}
+
+/* A fresh process as far as SASL goes, and a connected session, which each fixture
+ * ends its own way. */
+class Session : public support::FakePortTest {
   protected:
-    void SetUp() override
-    {
-        FakePortTest::SetUp();
-        start(fake_sasl::Script());
-    }
     void TearDown() override
     {
         end();
         FakePortTest::TearDown();
     }
-    /* A fresh process as far as SASL goes, and a connected session. */
-    void start(const fake_sasl::Script &script)
+    virtual void end() = 0;
+    void open(const fake_sasl::Script &script)
     {
         fake_sasl::reset(script);
         cmp_ldap_sasl_forget_mutex();
         cmp_ldap_cyrus_forget_init();
         ld_ = cmp_ldap_allocate_ldap_handler();
-        ld_->ld_sockfd = 7;
+        ld_->ld_sockfd = kSock;
         ld_->ld_sock_timeout = 5000;
         fake::clear_log();
     }
+    int bind(const std::string &ccname = kCache)
+    {
+        return cmp_ldap_sasl_interactive_bind_s(ld_, "u", "D", ccname.c_str());
+    }
+    CMP_LDAP *ld_ = nullptr;
+};
+
+class Sasl : public Session {
+  protected:
+    void SetUp() override
+    {
+        FakePortTest::SetUp();
+        open(fake_sasl::Script());
+    }
     /* No SASL context survives a bind, whatever its outcome. */
-    void end()
+    void end() override
     {
         if (ld_ == nullptr) return;
         EXPECT_EQ(ld_->cmp_ldap_ld_sasl_authctx, nullptr);
@@ -90,33 +147,19 @@ class Sasl : public support::FakePortTest {
         cmp_ldap_free_text(&ld_->ld_referral);
         support::free_block(std::exchange(ld_, nullptr));
     }
-    /* The server side of the default exchange: 14 with a token, 14, then 0. */
+    /* A table's next row: the last one left no block, and the fake port starts afresh. */
+    void restart(const fake_sasl::Script &script = fake_sasl::Script())
+    {
+        end();
+        EXPECT_EQ(fake::live_blocks(), 0) << fake::live_block_report();
+        fake::reset();
+        open(script);
+    }
     static void serve_default(uint8_t first_id = 1)
     {
-        fake::peer_data(response(first_id, 14, creds("srv1")));
-        fake::peer_data(response(first_id + 1, 14, creds("srv2")));
-        fake::peer_data(response(first_id + 2, 0, creds("")));
+        for (const Bytes &pdu : exchange(first_id))
+            fake::peer_data(pdu);
     }
-    int bind(const std::string &ccname = kCache)
-    {
-        return cmp_ldap_sasl_interactive_bind_s(ld_, "u", "D", ccname.c_str());
-    }
-    /* The level-0 lines, whole (see support::whole): module, reserved 0, code, text. */
-    static Lines errors()
-    {
-        Lines out;
-        for (const fake::LogLine &l : fake::log())
-            if (l.level == 0) out.push_back(support::whole(l));
-        return out;
-    }
-    static Lines os_calls_but_exit()  // the task's exit races with the caller's wait
-    {
-        Lines out;
-        for (const std::string &c : fake::os_calls())
-            if (c != "zelOSWExitTask") out.push_back(c);
-        return out;
-    }
-    CMP_LDAP *ld_ = nullptr;
 };
 
 TEST_F(Sasl, GssapiExchangeSendsEachTokenAndReturnsTheFinalId)
@@ -176,12 +219,6 @@ struct Case {
     std::string ccname = kCache;
 };
 
-/* An error line reporting rc, as errors() shows it. */
-std::string e(int32_t rc, const std::string &text)
-{
-    return support::whole(support::err(rc, text));
-}
-
 const std::string kDetail = "SASL(-1): generic failure: scripted";
 const Bytes kFirst = response(1, 14, creds("srv1"));
 
@@ -198,13 +235,11 @@ TEST_F(Sasl, OutcomesOfTheConversation)
     auto steps = [](std::vector<fake_sasl::Reply> r) {
         return [r](fake_sasl::Script &s) { s.step = r; };
     };
-    const std::vector<Bytes> exchange = {kFirst, response(2, 14, creds("srv2")),
-                                         response(3, 0, creds(""))};
     const std::string no_name = "cmp_ldap_ber_get_tag(): Illegal position ";
     // clang-format off
     const Case cases[] = {
-        {"2.1.23 accepted", version(0x02010017), exchange, 3, 0, {}},
-        {"2.1.30 accepted", version(0x0201001e), exchange, 3, 0, {}},
+        {"2.1.23 accepted", version(0x02010017), exchange(1), 3, 0, {}},
+        {"2.1.30 accepted", version(0x0201001e), exchange(1), 3, 0, {}},
         {"2.1.22 refused", version(0x02010016), {}, -1, 283,
          {e(283, init + "SASL library version mismatch: expected 2.1.23, got 2.1.22.\n")}},
         {"2.2.0 refused", version(0x02020000), {}, -1, 283,
@@ -270,11 +305,9 @@ TEST_F(Sasl, OutcomesOfTheConversation)
     // clang-format on
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
-        end();
-        fake::reset();
         fake_sasl::Script script;
         c.script(script);
-        start(script);
+        restart(script);
         for (const Bytes &pdu : c.peer)
             fake::peer_data(pdu);
         EXPECT_EQ(bind(c.ccname), c.result);
@@ -288,10 +321,9 @@ TEST_F(Sasl, OutcomesOfTheConversation)
 
 TEST_F(Sasl, UserPromptIsAnsweredWithAnEmptyName)
 {
-    end();
     fake_sasl::Script s;
     s.start = {{SASL_INTERACT, "", false, SASL_CB_USER}, {SASL_CONTINUE, "tok1"}};
-    start(s);
+    restart(s);
     serve_default();
     EXPECT_EQ(bind(), 3);
     EXPECT_EQ(fake_sasl::seen().answers, Lines{"id=0x4001 result='' len=0 defresult=(null)"});
@@ -305,19 +337,17 @@ TEST_F(Sasl, BindStepWaitsTheSessionTimeOutAndHandsBackTheServerCredentials)
         Bytes reply;
         int rc;
         long waited;
-        const char *creds;  // what *servercredp holds afterwards
+        const char *creds;  // what *servercredp holds afterwards, "(none)" for NULL
     } cases[] = {
         {1999, true, response(1, 0, creds("ab")), 0, 1000, "ab"},
         {-1, true, response(1, 14, creds("ab")), 14, -1, "ab"},
-        {5000, false, response(1, 0, creds("ab")), 0, 5000, nullptr},
-        {5000, true, response(1, 0, {}), 0, 5000, nullptr},
-        {5000, true, response(1, 14, {}), 284, 5000, nullptr},
-        {5000, true, response(1, 49, creds("ab")), 49, 5000, nullptr},
+        {5000, false, response(1, 0, creds("ab")), 0, 5000, "(none)"},
+        {5000, true, response(1, 0, {}), 0, 5000, "(none)"},
+        {5000, true, response(1, 14, {}), 284, 5000, "(none)"},
+        {5000, true, response(1, 49, creds("ab")), 49, 5000, "(none)"},
     };
     for (const auto &c : cases) {
-        end();
-        fake::reset();
-        start(fake_sasl::Script());
+        restart();
         ld_->ld_sock_timeout = c.sock_timeout;
         fake::peer_data(c.reply);
         CMP_LDAP_SASL_CRED *server = nullptr;
@@ -329,13 +359,10 @@ TEST_F(Sasl, BindStepWaitsTheSessionTimeOutAndHandsBackTheServerCredentials)
         EXPECT_EQ(msgid, 1);
         EXPECT_EQ(fake::recv_timeouts().at(0), c.waited);
         EXPECT_EQ(fake::sent(), request(1, ""));
-        if (c.creds == nullptr) {
-            EXPECT_EQ(server, nullptr);
-        } else {
-            ASSERT_NE(server, nullptr);
-            EXPECT_EQ(std::string(reinterpret_cast<char *>(server->data), server->total_size),
-                      c.creds);
-        }
+        EXPECT_EQ(server == nullptr
+                      ? "(none)"
+                      : std::string(reinterpret_cast<char *>(server->data), server->total_size),
+                  c.creds);
         support::free_block(server);
     }
 }
@@ -385,11 +412,7 @@ TEST_F(Sasl, HostConnectedToPrefersTheReverseName)
         s.reverse_name = c.name;
         fake_sasl::reset(s);
         char *host = cmp_ldap_host_connected_to(ld_, c.defhost);
-        if (c.want == nullptr) {
-            EXPECT_EQ(host, nullptr);
-        } else {
-            EXPECT_STREQ(host, c.want);
-        }
+        EXPECT_STREQ(host, c.want);  // NULL only equals NULL
         support::free_block(host);
     }
 }
@@ -424,11 +447,9 @@ TEST_F(Sasl, EveryOsWrapperCallFailingInTurn)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.function);
-        end();
-        fake::reset();
         fake_sasl::Script script;
         if (c.script) c.script(script);
-        start(script);
+        restart(script);
         serve_default();
         fake::script_os(c.function, {5});
         EXPECT_EQ(bind(), c.result);
@@ -441,7 +462,7 @@ TEST_F(Sasl, EveryAllocationFailingInTurnLeavesNothing)
 {
     end();
     long n = support::sweep_alloc_failures([&](long k) {
-        start(fake_sasl::Script());
+        open(fake_sasl::Script());
         serve_default();
         fake::arm_alloc_failure(k);
         int rc = bind();
@@ -483,6 +504,265 @@ TEST_F(Sasl, BindMethodSaslRunsTheInteractiveBind)
     EXPECT_EQ(cmp_ldap_bind(ld_, "u", nullptr, "D", kNoCache.c_str(), 0xa3), -1);
     EXPECT_EQ(ld_->ld_errno, 282);
     EXPECT_TRUE(fake::logged_containing("cmp_ldap_bind(): ld: ld_errno=282,"));
+}
+
+class Layer : public Session {
+  protected:
+    void SetUp() override
+    {
+        FakePortTest::SetUp();
+        start(layered());
+    }
+    static fake_sasl::Script layered()
+    {
+        fake_sasl::Script s;
+        s.ssf = 56;
+        s.maxoutbuf = 10;
+        return s;
+    }
+    /* A session whose opted-in GSSAPI bind is over: its result, and the log cleared. */
+    int start(const fake_sasl::Script &script, bool bind = true)
+    {
+        open(script);
+        EXPECT_EQ(cmp_ldap_set_sasl_ssf(ld_, 0, 256), 0);
+        int rc = bind ? bind_default() : 0;
+        sent_before_ = fake::sent().size();
+        fake::clear_log();
+        return rc;
+    }
+    /* The default exchange of three steps, the server's answers unwrapped in one buffer. */
+    int bind_default()
+    {
+        fake::peer_data(joined(exchange(1)));
+        return bind();
+    }
+    /* Unbind ends the layer with the session (a second time when its own allocation
+     * was the one made to fail). */
+    void end() override
+    {
+        if (ld_ == nullptr) return;
+        if (cmp_ldap_unbind(ld_) == CMP_LDAP_NO_MEMORY) {
+            fake::arm_alloc_failure(0);
+            (void)cmp_ldap_unbind(ld_);
+        }
+        ld_ = nullptr;
+        EXPECT_EQ(fake_sasl::live_connections(), 0);
+    }
+    Bytes sent_since() const { return slice(fake::sent(), sent_before_, fake::sent().size()); }
+    static std::string pointer(const void *p)
+    {
+        char text[32];
+        snprintf(text, sizeof text, "%p", p);
+        return text;
+    }
+    size_t sent_before_ = 0;
+};
+
+TEST_F(Layer, BindAsksForTheCallersStrengthAndKeepsTheLayer)
+{
+    EXPECT_EQ(fake_sasl::seen().secprops.min_ssf, 0u);
+    EXPECT_EQ(fake_sasl::seen().secprops.max_ssf, 256u);
+    EXPECT_EQ(fake_sasl::seen().secprops.maxbufsize, 65536u);
+    EXPECT_EQ(ld_->cmp_ldap_ld_sasl_authctx, nullptr);
+    EXPECT_EQ(fake_sasl::live_connections(), 1);
+    ASSERT_NE(cmp_ldap_sasl_layer_on(ld_), nullptr);
+
+    /* Negotiating no layer leaves the session unwrapped and keeps no context. */
+    end();
+    fake_sasl::Script none = layered();
+    none.ssf = 0;
+    EXPECT_EQ(start(none), 3);
+    EXPECT_EQ(cmp_ldap_sasl_layer_on(ld_), nullptr);
+    EXPECT_EQ(fake_sasl::live_connections(), 0);
+}
+
+TEST_F(Layer, ASecondBindTravelsThroughTheLayerAndReplacesIt)
+{
+    fake::peer_data(joined(exchange(4), true));
+    EXPECT_EQ(bind(), 6);
+    /* Each request in wrapped pieces of at most 10 plain octets, the layer's maximum. */
+    Bytes want;
+    for (const Bytes &pdu : {request(4, "tok1"), request(5, ""), request(6, "tok3")})
+        for (size_t at = 0; at < pdu.size(); at += 10)
+            want = cat({want, wrap(slice(pdu, at, std::min(pdu.size(), at + 10)))});
+    EXPECT_EQ(sent_since(), want);
+    EXPECT_EQ(fake_sasl::live_connections(), 1);
+    EXPECT_NE(cmp_ldap_sasl_layer_on(ld_), nullptr);
+}
+
+TEST_F(Layer, ALayerWithoutAMaximumBufferIsRefusedAndTheConnectionDropped)
+{
+    end();
+    fake_sasl::Script script = layered();
+    script.maxoutbuf = 0;
+    start(script, false);
+    EXPECT_EQ(bind_default(), -1);
+    EXPECT_EQ(ld_->ld_errno, CMP_LDAP_SASL_ERROR);
+    EXPECT_EQ(ld_->ld_sockfd, CMP_LDAP_DROPPED_SOCKET);
+    EXPECT_EQ(cmp_ldap_sasl_layer_on(ld_), nullptr);
+    EXPECT_EQ(fake_sasl::live_connections(), 0);
+    EXPECT_TRUE(support::logged_whole(
+        support::err(283, "cmp_ldap_sasl_layer_install(): no maximum output buffer (ssf=56).\n")));
+}
+
+TEST_F(Layer, SetterRefusesWhatIsNoRangeAndTheDefaultCostsNothing)
+{
+    EXPECT_EQ(cmp_ldap_set_sasl_ssf(nullptr, 0, 1), CMP_LDAP_PARAM_ERROR);
+    EXPECT_EQ(cmp_ldap_set_sasl_ssf(ld_, 2, 1), CMP_LDAP_PARAM_ERROR);
+    EXPECT_EQ(ld_->ld_errno, CMP_LDAP_PARAM_ERROR);
+    EXPECT_EQ(errors(), (Lines{e(264,
+                                 "cmp_ldap_set_sasl_ssf(): parameter error (ld=(nil),min_ssf=0,"
+                                 "max_ssf=1).\n"),
+                               e(264, "cmp_ldap_set_sasl_ssf(): parameter error (ld=" +
+                                          pointer(ld_) + ",min_ssf=2,max_ssf=1).\n")}));
+
+    CMP_LDAP *fresh = cmp_ldap_allocate_ldap_handler();
+    const long blocks = fake::live_blocks();
+    EXPECT_EQ(cmp_ldap_set_sasl_ssf(fresh, 0, 0), 0);
+    EXPECT_EQ(fake::live_blocks(), blocks);
+    fake::arm_alloc_failure(1);
+    EXPECT_EQ(cmp_ldap_set_sasl_ssf(fresh, 1, 1), CMP_LDAP_NO_MEMORY);
+    EXPECT_EQ(fresh->ld_errno, CMP_LDAP_NO_MEMORY);
+    EXPECT_EQ(fresh->ld_sasl_layer, nullptr);
+    support::free_block(fresh);
+}
+
+TEST_F(Layer, RequestsLeaveWrappedInPiecesThePeerTakes)
+{
+    Bytes pdu;
+    for (uint8_t i = 0; i < 25; ++i)
+        pdu.push_back(i);
+    CMP_LDAP_SEND_BUF sb{pdu.data(), (uint32_t)pdu.size()};
+    EXPECT_EQ(cmp_ldap_send_berdata(ld_, &sb), 25);
+    EXPECT_EQ(sent_since(),
+              cat({wrap(slice(pdu, 0, 10)), wrap(slice(pdu, 10, 20)), wrap(slice(pdu, 20, 25))}));
+
+    /* The second piece's write is cut short: the request fails as a short write does. */
+    sent_before_ = fake::sent().size();
+    fake::script_send({14, 5});
+    EXPECT_EQ(cmp_ldap_send_berdata(ld_, &sb), -1);
+    EXPECT_EQ(ld_->ld_errno, CMP_LDAP_SERVER_DOWN);
+
+    end();
+    fake_sasl::Script broken = layered();
+    broken.encode = SASL_FAIL;
+    start(broken);
+    EXPECT_EQ(cmp_ldap_send_berdata(ld_, &sb), -1);
+    EXPECT_EQ(ld_->ld_errno, CMP_LDAP_SASL_ERROR);
+    EXPECT_EQ(errors(), Lines{e(283,
+                                "cmp_ldap_sasl_layer_encode(): sasl_encode() error."
+                                "saslrc=-1,errdetail=SASL(-1): generic failure: scripted.\n")});
+    EXPECT_EQ(sent_since(), Bytes{});
+}
+
+const Bytes kLargest = [] {
+    Bytes pdu = hex("30 83 00 FF FB");
+    pdu.resize(65536, 0x04);
+    return pdu;
+}();
+
+TEST_F(Layer, ResponsesAreReadOneWrappedBufferAtATime)
+{
+    enum Then { kNothing, kClose, kTimeout };
+    const std::string rw = "cmp_ldap_read_wrapped(): ";
+    const std::string timed_out =
+        "cmp_ldap_recv_data(): cmp_netsock_recv_timeo() error.sizeRead=[-2]\n";
+    const struct {
+        const char *name;
+        Bytes data;       /* the peer's octets, if any, in one receive */
+        bool bytewise;    /* ... or in one receive each */
+        Then then;        /* what the peer does after them */
+        int decode;       /* sasl_decode's outcome */
+        const Bytes *pdu; /* the PDU read, or NULL when the read fails */
+        int32_t ld_errno; /* after the read (0: success, or no code of its own) */
+        std::string line; /* the one error line, whole text; "" for none */
+        int32_t line_rc;
+        int32_t sockfd; /* kSock, or -1 once the connection is dropped */
+    } cases[] = {
+        // clang-format off
+        {"octet by octet", wrap(kDone), true, kNothing, SASL_OK, &kDone, 0, "", 0, kSock},
+        {"one PDU over two buffers", cat({wrap(slice(kDone, 0, 3)), wrap(slice(kDone, 3, 14))}), false, kNothing,
+         SASL_OK, &kDone, 0, "", 0, kSock},
+        {"the longest buffer taken", wrap(kLargest), false, kNothing, SASL_OK, &kLargest, 0, "", 0, kSock},
+        {"length 0", hex("00 00 00 00"), false, kNothing, SASL_OK, nullptr, 2,
+         rw + "Illegal wrapped length.len=0,max=65536.\n", 2, -1},
+        {"length over the most we take", hex("00 01 00 01"), false, kNothing, SASL_OK, nullptr, 2,
+         rw + "Illegal wrapped length.len=65537,max=65536.\n", 2, -1},
+        {"length all ones", hex("FF FF FF FF"), false, kNothing, SASL_OK, nullptr, 2,
+         rw + "Illegal wrapped length.len=4294967295,max=65536.\n", 2, -1},
+        {"length cut", hex("00 00"), true, kClose, SASL_OK, nullptr, 2,
+         rw + "read illegal data. fieldLen=4,restLen=2.\n", 2, -1},
+        {"buffer cut", slice(wrap(kDone), 0, 15), false, kClose, SASL_OK, nullptr, 2,
+         rw + "read illegal data. length=14,restLen=3.\n", 2, -1},
+        {"time-out inside a buffer", slice(wrap(kDone), 0, 6), false, kTimeout, SASL_OK, nullptr, 260,
+         timed_out, -2, -1},
+        {"time-out before a buffer", {}, false, kTimeout, SASL_OK, nullptr, 260, timed_out, -2, kSock},
+        {"peer closes between buffers", {}, false, kClose, SASL_OK, nullptr, 2, "", 0, kSock},
+        {"garbage after unwrap", wrap(hex("30 85 00 00 00 00 01")), false, kNothing, SASL_OK, nullptr, 0,
+         "cmp_ldap_determine_record_size(): Length-field is over 32bit.fieldLen=0x05.\n", -1, -1},
+        {"unwrap fails", wrap(kDone), false, kNothing, SASL_BADMAC, nullptr, 283,
+         "cmp_ldap_sasl_layer_decode(): sasl_decode() error.saslrc=-9,errdetail=SASL(-1): generic "
+         "failure: scripted.\n", 283, -1},
+        // clang-format on
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        end();
+        fake_sasl::Script script = layered();
+        script.decode = c.decode;
+        ASSERT_EQ(start(script), 3);
+        if (c.bytewise) {
+            fake::peer_data_bytewise(c.data);
+        } else if (!c.data.empty()) {
+            fake::peer_data(c.data);
+        }
+        if (c.then == kClose) fake::peer_data({});
+        if (c.then == kTimeout) fake::peer_timeout();
+        CMP_LDAP_MESSAGE *msg = nullptr;
+        EXPECT_EQ(cmp_ldap_read_berdata(ld_, 5000, &msg), c.pdu != nullptr ? 0 : -1);
+        EXPECT_EQ(ld_->ld_errno, c.ld_errno);
+        EXPECT_EQ(ld_->ld_sockfd, c.sockfd);
+        EXPECT_EQ(errors(), c.line.empty() ? Lines{} : Lines{e(c.line_rc, c.line)});
+        if (c.pdu != nullptr) {
+            ASSERT_NE(msg, nullptr);
+            EXPECT_EQ(msg->cmp_ldap_total_size, (int32_t)c.pdu->size());
+            EXPECT_EQ(Bytes(cmp_ldap_pdu(msg), cmp_ldap_pdu(msg) + c.pdu->size()), *c.pdu);
+        }
+        support::free_block(msg);
+    }
+}
+
+TEST_F(Layer, UnbindLeavesWrappedAndEndsTheLayer)
+{
+    EXPECT_EQ(cmp_ldap_unbind(std::exchange(ld_, nullptr)), 0);
+    EXPECT_EQ(sent_since(), wrap(hex("30 05 02 01 04 42 00")));
+    EXPECT_EQ(fake_sasl::live_connections(), 0);
+    EXPECT_EQ(fake_sasl::calls().back(), "sasl_dispose");
+}
+
+TEST_F(Layer, EveryAllocationFailingInTurnLeavesNothing)
+{
+    end();
+    long used = 0; /* by the bind and the read; unbind's own come after */
+    long n = support::sweep_alloc_failures([&](long k) {
+        start(layered(), false);
+        fake::peer_data(cat({joined(exchange(1)), wrap(kDone)}));
+        fake::arm_alloc_failure(k);
+        int rc = bind();
+        CMP_LDAP_MESSAGE *msg = nullptr;
+        int read = rc == 3 ? cmp_ldap_read_berdata(ld_, 5000, &msg) : -1;
+        if (k == 0) used = fake::allocs_since_arm();
+        if (k == 0 || k > used) {
+            EXPECT_EQ(rc, 3);
+            EXPECT_EQ(read, 0);
+        } else {
+            EXPECT_EQ(read, -1) << "allocation " << k;
+            EXPECT_NE(ld_->ld_errno, 0) << "allocation " << k;
+        }
+        support::free_block(msg);
+        end();
+    });
+    EXPECT_GT(n, 20);
 }
 
 }  // namespace
