@@ -1,98 +1,46 @@
 // The connection test against a real slapd with the POSIX port: every outcome in both
 // forms, the cancel cases, and thousands of start/cancel races. ctest runs each TEST in a
 // process of its own, so "before any test ran" holds for the first one here.
-#include <dirent.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <fstream>
-#include <functional>
 #include <map>
 #include <random>
-#include <string>
 #include <thread>
 
-#include "cmp_ldap.h"
 #include "cmp_ldap_posix.h"
+#include "support.h"
 #include "zelOSW.h"
 
 namespace {
 
-const std::string kSlapd = TOVEISTROR_SOURCE_DIR "/tests/fixtures/slapd.sh";
-const std::string kStateDir = TOVEISTROR_BINARY_DIR "/integ-slapd";
+using namespace integ;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
 constexpr int32_t kTaskWaitMs = 20000; /* a test task that takes longer is stuck */
 
-// One slapd with TLS for this process, started on first use and stopped at exit.
-class Slapd : public ::testing::Environment {
-  public:
-    static const std::string &get(const std::string &key)
-    {
-        if (dir_.empty()) {
-            dir_ = kStateDir + "/" + std::to_string(getpid()) + "-conntest";
-            std::string cmd = "bash " + kSlapd + " start " + dir_ + " --owner " +
-                              std::to_string(getpid()) + " --shared " + kStateDir + "/shared";
-            EXPECT_EQ(std::system((cmd + " >/dev/null 2>&1").c_str()), 0) << cmd;
-            std::ifstream in(dir_ + "/env");
-            for (std::string k, v; std::getline(in, k, '=') && std::getline(in, v);)
-                env_[k] = v.substr(1, v.size() - 2);
-        }
-        return env_[key];
-    }
-    void TearDown() override
-    {
-        if (!dir_.empty())
-            (void)!std::system(("bash " + kSlapd + " stop " + dir_ + " --remove").c_str());
-    }
+// One slapd with TLS for this process, started on first use.
+const Env &slapd()
+{
+    static const Env env = start_slapd("conntest");
+    return env;
+}
 
-  private:
-    static std::string dir_;
-    static std::map<std::string, std::string> env_;
-};
-std::string Slapd::dir_;
-std::map<std::string, std::string> Slapd::env_;
-::testing::Environment *const g_slapd = ::testing::AddGlobalTestEnvironment(new Slapd);
-
-// A loopback listener: backlog filled (connects hang until their time-out), silent
-// (connects succeed, nothing is ever answered) or closed (nothing listens on the port).
-class Listener {
-  public:
-    enum Kind { kFull, kSilent, kClosed };
-    explicit Listener(Kind kind)
+// A listener whose backlog is full: connects to it hang until their time-out.
+struct FullListener : Listener {
+    int fill[3];
+    FullListener() : Listener(0)
     {
-        fd_ = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof a;
-        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&a), len), 0);
-        EXPECT_EQ(getsockname(fd_, reinterpret_cast<sockaddr *>(&a), &len), 0);
-        port = ntohs(a.sin_port);
-        if (kind == kClosed) return;
-        EXPECT_EQ(listen(fd_, kind == kFull ? 0 : 64), 0);
-        for (int i = 0; kind == kFull && i < 3; ++i) {
-            fill_[i] = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-            (void)!connect(fill_[i], reinterpret_cast<sockaddr *>(&a), len);
-        }
+        for (int &fd : fill)
+            fd = connect_loopback(port, SOCK_NONBLOCK);
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    ~Listener()
+    ~FullListener()
     {
-        for (int fd : fill_)
-            if (fd >= 0) close(fd);
-        close(fd_);
+        for (int fd : fill)
+            close(fd);
     }
-    int port = 0;
-
-  private:
-    int fd_ = -1;
-    int fill_[3] = {-1, -1, -1};
 };
 
 // What the result callback saw; one test at a time.
@@ -106,10 +54,10 @@ void on_result(uint32_t result)
 
 struct Probe {
     std::string host = "127.0.0.1";
-    int port = 0;
+    int port = port_of(slapd(), "LDAP_PORT");
     uint8_t tls_mod = 0;
     int32_t timeout = 5;
-    std::string dn, pw, base;
+    std::string dn = slapd().at("BIND_DN"), pw = slapd().at("BIND_PW"), base;
 
     CMP_LDAP_TEST_PARAM param()
     {
@@ -123,17 +71,6 @@ struct Probe {
     }
 };
 
-Probe admin(const std::string &base)
-{
-    return Probe{"127.0.0.1",
-                 std::stoi(Slapd::get("LDAP_PORT")),
-                 0,
-                 5,
-                 Slapd::get("BIND_DN"),
-                 Slapd::get("BIND_PW"),
-                 base};
-}
-
 // Starts the asynchronous test; conninfo must come from the OS wrapper's memory.
 uint32_t start(const CMP_LDAP_TEST_PARAM &p, CMP_LDAP_ASYNC_TEST_ID *id)
 {
@@ -143,7 +80,7 @@ uint32_t start(const CMP_LDAP_TEST_PARAM &p, CMP_LDAP_ASYNC_TEST_ID *id)
 }
 
 // The result of one test in either form; the asynchronous one is waited for to its end.
-uint32_t run(const CMP_LDAP_TEST_PARAM &p, bool async)
+uint32_t run_test(const CMP_LDAP_TEST_PARAM &p, bool async)
 {
     if (!async) return cmp_ldap_test(&p);
     auto *id =
@@ -154,33 +91,6 @@ uint32_t run(const CMP_LDAP_TEST_PARAM &p, bool async)
     EXPECT_EQ(g_callbacks.load(), 1);
     zelOSWOrgFreeMemPart(0, id);
     return g_result;
-}
-
-// What f wrote to stderr (the POSIX port's log).
-std::string stderr_of(const std::function<void()> &f)
-{
-    fflush(stderr);
-    int saved = dup(2);
-    FILE *tmp = tmpfile();
-    dup2(fileno(tmp), 2);
-    f();
-    dup2(saved, 2);
-    close(saved);
-    std::string out(static_cast<size_t>(ftell(tmp)), '\0');
-    rewind(tmp);
-    out.resize(fread(&out[0], 1, out.size(), tmp));
-    fclose(tmp);
-    return out;
-}
-
-int open_descriptors()
-{
-    int n = 0;
-    DIR *d = opendir("/proc/self/fd");
-    while (readdir(d) != nullptr)
-        ++n;
-    closedir(d);
-    return n;
 }
 
 // The count once it equals want, or after a second. A descriptor has been seen to
@@ -201,117 +111,95 @@ int descriptors_settled_at(int want)
 TEST(ConnectionTest, CancelBeforeAnyTestASecondStartAndCancelAfterTheEnd)
 {
     CMP_LDAP_ASYNC_TEST_ID none{1, 2};
-    std::string log = stderr_of([&] { EXPECT_EQ(cmp_ldap_async_test_cancel(&none), 0x5103720fu); });
-    EXPECT_EQ(log,
+    CaptureStderr();
+    EXPECT_EQ(cmp_ldap_async_test_cancel(&none), 0x5103720fu);
+    EXPECT_EQ(GetCapturedStderr(),
               "CMP_LDAP[0] rc=-1 cmp_ldap_async_test_cancel(): error. "
               "s_async_test_msem_id is NULL.\n");
 
     /* a server that never answers keeps the first test in its bind for a second */
-    Listener silent(Listener::kSilent);
-    Probe p = admin("");
+    Listener silent(64);
+    Probe p;
     p.port = silent.port;
     p.timeout = 1;
     CMP_LDAP_TEST_PARAM param = p.param();
     auto *first = static_cast<CMP_LDAP_ASYNC_TEST_ID *>(zelOSWSubAllocMem(8));
     auto *second = static_cast<CMP_LDAP_ASYNC_TEST_ID *>(zelOSWSubAllocMem(8));
     ASSERT_EQ(start(param, first), 0u);
-    log =
-        stderr_of([&] { EXPECT_EQ(cmp_ldap_async_test(&param, on_result, second), 0x5103720fu); });
-    EXPECT_EQ(log,
+    CaptureStderr();
+    EXPECT_EQ(cmp_ldap_async_test(&param, on_result, second), 0x5103720fu);
+    EXPECT_EQ(GetCapturedStderr(),
               "CMP_LDAP[0] rc=-1 cmp_ldap_async_test(): error. nts_cls_async_test is "
               "executing now.\n");
     ASSERT_EQ(zelOSWWaitTask(first->task_id, kTaskWaitMs), 0);
     EXPECT_EQ(g_callbacks.load(), 1);
     EXPECT_EQ(g_result.load(), 0x51032203u);
-    log = stderr_of([&] { EXPECT_EQ(cmp_ldap_async_test_cancel(first), 0u); });
-    EXPECT_EQ(log, "");
+    CaptureStderr();
+    EXPECT_EQ(cmp_ldap_async_test_cancel(first), 0u);
+    EXPECT_EQ(GetCapturedStderr(), "");
     zelOSWOrgFreeMemPart(0, first);
     zelOSWOrgFreeMemPart(0, second);
 }
 
 TEST(ConnectionTest, OutcomesAreTheSameInBothForms)
 {
-    const std::string base = Slapd::get("BASE_DN");
-    setenv("TOVEISTROR_CA_FILE", Slapd::get("CA_FILE").c_str(), 1);
-    Listener full(Listener::kFull), silent(Listener::kSilent), closed(Listener::kClosed);
-    struct Case {
+    const std::string base = slapd().at("BASE_DN");
+    const int ldap = port_of(slapd(), "LDAP_PORT"), ldaps = port_of(slapd(), "LDAPS_PORT");
+    FullListener full;
+    Listener silent(64), closed(-1);
+    const struct {
         const char *what;
-        std::function<void(Probe &)> set;
+        int port;
+        uint8_t tls_mod;
+        int32_t timeout;
+        std::string base;
+        const char *pw;  // the admin's password when null; "" binds anonymously
+        bool other_ca, ldap_off;
         uint32_t result;
+    } cases[] = {
+        {"base found", ldap, 0, 5, base, nullptr, 0, 0, 0},
+        {"no base: no search", ldap, 0, 5, "", nullptr, 0, 0, 0},
+        {"anonymous", ldap, 0, 5, base, "", 0, 0, 0},
+        {"base with blanks", ldap, 0, 5, "ou=people, dc=example, dc=test", nullptr, 0, 0, 0},
+        {"base in other case", ldap, 0, 5, "DC=example,dc=test", nullptr, 0, 0, 0x51039182},
+        {"no such base", ldap, 0, 5, "ou=nowhere," + base, nullptr, 0, 0, 0x51039182},
+        {"wrong password", ldap, 0, 5, "", "wrong", 0, 0, 0x51031102},
+        {"StartTLS", ldap, 1, 5, base, nullptr, 0, 0, 0},
+        {"LDAPS", ldaps, 2, 5, base, nullptr, 0, 0, 0},
+        {"LDAPS, unknown CA", ldaps, 2, 5, "", nullptr, 1, 0, 0x51031132},
+        {"port closed", closed.port, 0, 5, "", nullptr, 0, 0, 0x51032101},
+        {"backlog full", full.port, 0, 1, "", nullptr, 0, 0, 0x51032102},
+        {"no answer", silent.port, 0, 1, "", nullptr, 0, 0, 0x51032203},
+        {"LDAP switched off", ldap, 0, 5, base, nullptr, 0, 1, 0},
     };
-    const Case cases[] = {
-        {"base found", [&](Probe &p) { p.base = base; }, 0},
-        {"no base: no search", [](Probe &) {}, 0},
-        {"anonymous",
-         [&](Probe &p) {
-             p.dn = p.pw = "";
-             p.base = base;
-         },
-         0},
-        {"base with blanks", [&](Probe &p) { p.base = "ou=people, dc=example, dc=test"; }, 0},
-        {"base in other case", [&](Probe &p) { p.base = "DC=example,dc=test"; }, 0x51039182},
-        {"no such base", [&](Probe &p) { p.base = "ou=nowhere," + base; }, 0x51039182},
-        {"wrong password", [](Probe &p) { p.pw = "wrong"; }, 0x51031102},
-        {"StartTLS",
-         [&](Probe &p) {
-             p.tls_mod = 1;
-             p.base = base;
-         },
-         0},
-        {"LDAPS",
-         [&](Probe &p) {
-             p.tls_mod = 2;
-             p.port = std::stoi(Slapd::get("LDAPS_PORT"));
-             p.base = base;
-         },
-         0},
-        {"LDAPS, unknown CA",
-         [&](Probe &p) {
-             setenv("TOVEISTROR_CA_FILE", Slapd::get("OTHER_CA_FILE").c_str(), 1);
-             p.tls_mod = 2;
-             p.port = std::stoi(Slapd::get("LDAPS_PORT"));
-         },
-         0x51031132},
-        {"port closed", [&](Probe &p) { p.port = closed.port; }, 0x51032101},
-        {"backlog full",
-         [&](Probe &p) {
-             p.port = full.port;
-             p.timeout = 1;
-         },
-         0x51032102},
-        {"no answer",
-         [&](Probe &p) {
-             p.port = silent.port;
-             p.timeout = 1;
-         },
-         0x51032203},
-        {"LDAP switched off",
-         [&](Probe &p) {
-             setenv("TOVEISTROR_LDAP_PROTOCOL", "0", 1);
-             p.base = base;
-         },
-         0},
-    };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
+        setenv("TOVEISTROR_CA_FILE", slapd().at(c.other_ca ? "OTHER_CA_FILE" : "CA_FILE").c_str(),
+               1);
+        setenv("TOVEISTROR_LDAP_PROTOCOL", c.ldap_off ? "0" : "1", 1);
         for (bool async : {false, true}) {
             SCOPED_TRACE(std::string(c.what) + (async ? " / asynchronous" : " / synchronous"));
-            Probe p = admin("");
-            c.set(p);
+            Probe p;
+            p.port = c.port;
+            p.tls_mod = c.tls_mod;
+            p.timeout = c.timeout;
+            p.base = c.base;
+            if (c.pw != nullptr) p.pw = c.pw;
+            if (c.pw != nullptr && *c.pw == '\0') p.dn = "";
             int fds = open_descriptors();
-            EXPECT_EQ(run(p.param(), async), c.result);
+            EXPECT_EQ(run_test(p.param(), async), c.result);
             EXPECT_EQ(descriptors_settled_at(fds), fds);
-            setenv("TOVEISTROR_CA_FILE", Slapd::get("CA_FILE").c_str(), 1);
         }
     }
     /* the switch is really off: a plain open is refused */
-    Probe probe = admin("");
+    Probe probe;
     CMP_LDAP_TEST_PARAM p = probe.param();
     CMP_LDAP *ld = nullptr;
-    stderr_of([&] { EXPECT_EQ(cmp_ldap_open_with_timeout(&p.connparam, &ld), 276); });
+    CaptureStderr();
+    EXPECT_EQ(cmp_ldap_open_with_timeout(&p.connparam, &ld), 276);
+    GetCapturedStderr();
     unsetenv("TOVEISTROR_LDAP_PROTOCOL");
     unsetenv("TOVEISTROR_CA_FILE");
 }
-
 namespace {
 
 // True once the test task sits in a write to fd 2: blocked on its log.
@@ -346,7 +234,8 @@ bool wait_for(Pred pred, int ms)
 // task inside the search call, after the check point before it.
 TEST(ConnectionTest, CancelInTheSearchPhaseAbandonsTheSearch)
 {
-    Probe probe = admin(Slapd::get("BASE_DN"));
+    Probe probe;
+    probe.base = slapd().at("BASE_DN");
     CMP_LDAP_TEST_PARAM param = probe.param();
     auto *id = static_cast<CMP_LDAP_ASYNC_TEST_ID *>(zelOSWSubAllocMem(8));
     bool done = false;
@@ -414,14 +303,15 @@ TEST(ConnectionTest, StartCancelRaces)
 {
     const char *env = std::getenv("TOVEISTROR_STRESS_ROUNDS");
     const int rounds = env != nullptr ? std::atoi(env) : 2000;
-    Probe probe = admin(Slapd::get("BASE_DN"));
+    Probe probe;
+    probe.base = slapd().at("BASE_DN");
     CMP_LDAP_TEST_PARAM param = probe.param();
     auto *id = static_cast<CMP_LDAP_ASYNC_TEST_ID *>(zelOSWSubAllocMem(8));
 
     auto clock = std::chrono::steady_clock::now;
     auto t0 = clock();
     for (int i = 0; i < 20; ++i)
-        ASSERT_EQ(run(param, true), 0u);
+        ASSERT_EQ(run_test(param, true), 0u);
     const long span_us =
         std::chrono::duration_cast<std::chrono::microseconds>(clock() - t0).count() / 20;
 
