@@ -8,7 +8,6 @@
 #include "support.h"
 
 using namespace support;
-using Lines = std::vector<std::string>;
 using Script = std::function<void()>;
 using Op = std::function<int()>;
 
