@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include "support.h"
@@ -98,25 +99,21 @@ TEST_F(CppHeader, FailuresComeBackAsValues)
 {
     const Bytes kEntryNoAttrs = msg(2, 0x64, cat({octets("cn=a,dc=x"), tlv(0x30, {})}));
     const Bytes kEntryCut = msg(2, 0x64, cat({octets("cn=a,dc=x"), tlv(0x30, {0x30, 0x05, 0x04})}));
-    struct Case {
-        const char *what;
-        std::vector<Bytes> peer;  // an empty element: a receive that times out
-        std::string want;
-    } cases[] = {
+    /* what, the peer's answers (an empty one: a receive that times out), the walk */
+    const std::tuple<const char *, std::vector<Bytes>, std::string> cases[] = {
         {"bind refused", {msg(1, 0x61, done(49))}, "fail=49"},
         {"no answer to the bind", {{}}, "fail=260"},
-        {"silence in the middle of the search",
-         {kBindOk, kEntryNoAttrs, {}},
-         "dn=cn=a,dc=x end=260 url="},
+        {"silence amid the search", {kBindOk, kEntryNoAttrs, {}}, "dn=cn=a,dc=x end=260 url="},
         {"an entry whose attributes do not decode", {kBindOk, kEntryCut}, "dn=cn=a,dc=x fail=259"},
         {"a bind response for the search", {kBindOk, msg(2, 0x61, done(0))}, "end=259 url="},
         {"the server closes the connection", {kBindOk, kEntryNoAttrs}, "dn=cn=a,dc=x end=2 url="},
     };
-    for (const Case &c : cases) {
+    for (const auto &[what, peer, want] : cases) {
+        SCOPED_TRACE(what);
         fake::reset();
-        connectable(c.peer);
-        EXPECT_EQ(walk(), c.want) << c.what;
-        EXPECT_EQ(fake::live_blocks(), 0) << c.what << "\n" << fake::live_block_report();
+        connectable(peer);
+        EXPECT_EQ(walk(), want);
+        EXPECT_EQ(fake::live_blocks(), 0) << fake::live_block_report();
     }
 
     fake::reset();
