@@ -98,14 +98,7 @@ inline int port_of(const Env &env, const char *key)
     return it != env.end() ? atoi(it->second.c_str()) : 0;
 }
 
-// The lowest free descriptor: a descriptor left open moves it.
-inline int next_fd()
-{
-    int fd = dup(0);
-    close(fd);
-    return fd;
-}
-
+// How many descriptors this process holds: a descriptor left open adds one.
 inline int open_descriptors()
 {
     int n = 0;

@@ -12,7 +12,10 @@
 TEST(PduSocketpair, BackToBackPdusSplitAtEveryByteAreReadWhole)
 {
     using Bytes = std::vector<unsigned char>;
-    auto pdu = [](Bytes h, size_t n) { return h.resize(h.size() + n, 0xA5), h; };
+    auto pdu = [](Bytes h, size_t n) {
+        h.resize(h.size() + n, 0xA5);
+        return h;
+    };
     const std::vector<Bytes> pdus = {pdu({0x30, 3}, 3), pdu({0x30, 0}, 0),
                                      pdu({0x30, 0x81, 0x90}, 0x90), pdu({0x30, 0x82, 1, 0x2C}, 300),
                                      pdu({0x30, 0x84, 0, 0, 0, 3}, 3)};

@@ -1,24 +1,21 @@
 /* The POSIX port on loopback only: sockets, OS wrapper, log, settings, and the TLS
  * wrapper against an in-process OpenSSL server with certificates made here. */
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <array>
 #include <chrono>
-#include <filesystem>
 #include <numeric>
 #include <thread>
 
 #include "cmp_dbglog.h"
-#include "cmp_ldap.h"
 #include "cmp_ldap_posix.h"
 #include "cmp_netsock.h"
 #include "ent_set.h"
 #include "osl_scr_ssl_wrp.h"
+#include "support.h"
 #include "zelOSW.h"
 
 namespace {
@@ -28,8 +25,7 @@ using Clock = std::chrono::steady_clock;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 const auto ms_since = [](Clock::time_point t) { return (Clock::now() - t) / 1ms; };
-using std::filesystem::directory_iterator;
-const auto open_fds = [] { return std::distance(directory_iterator("/proc/self/fd"), {}); };
+using integ::Listener;
 
 /* Sets (nullptr: unsets) one variable for the scope and makes the port read it again. */
 struct ScopedEnv {
@@ -39,25 +35,11 @@ struct ScopedEnv {
         v ? setenv(n, v, 1) : unsetenv(n);
         cmp_ldap_posix_reload_env();
     }
-    ~ScopedEnv() { unsetenv(name), cmp_ldap_posix_reload_env(); }
-};
-
-struct Listener {
-    int fd, port;
-    explicit Listener(int family = AF_INET, int backlog = 8) : fd(socket(family, SOCK_STREAM, 0))
+    ~ScopedEnv()
     {
-        sockaddr_in6 a{}; /* the port sits at the same offset in a sockaddr_in */
-        a.sin6_family = (sa_family_t)family;
-        a.sin6_addr = in6addr_loopback;
-        if (family == AF_INET) ((sockaddr_in *)&a)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = family == AF_INET ? sizeof(sockaddr_in) : sizeof(a);
-        bind(fd, (sockaddr *)&a, len), listen(fd, backlog), getsockname(fd, (sockaddr *)&a, &len);
-        port = ntohs(a.sin6_port);
-        const timeval accept_limit{5, 0};
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &accept_limit, sizeof(accept_limit));
+        unsetenv(name);
+        cmp_ldap_posix_reload_env();
     }
-    ~Listener() { close(fd); }
-    int accept_one() { return accept(fd, nullptr, nullptr); }
 };
 
 /* Resolves the name and connects through the port, as the core does; -1 on failure. */
@@ -83,10 +65,10 @@ TEST(PosixSockets, CoreConnectResults)
         {"127.0.0.1", kFull, 260, "rc=-2 cmp_ldap_connect(): Connection failed (rc=-2,len=16)\n"}};
     for (const auto &[host, peer, rc, log] : rows) {
         bool v6 = strchr(host, ':') != nullptr;
-        auto l = std::make_unique<Listener>(v6 ? AF_INET6 : AF_INET, peer == kFull ? 0 : 8);
+        auto l = std::make_unique<Listener>(peer == kFull ? 0 : 8, v6 ? AF_INET6 : AF_INET);
         int port = l->port, filler = peer == kFull ? port_connect(host, port) : -1;
         if (peer == kClosed) l.reset();
-        long fds = open_fds();
+        int fds = integ::open_descriptors();
         CMP_LDAP ld{};
         auto start = Clock::now();
         CaptureStderr();
@@ -95,7 +77,7 @@ TEST(PosixSockets, CoreConnectResults)
         EXPECT_GE(ms_since(start), peer == kFull ? 190 : 0);
         if (rc == 0) close(l->accept_one());
         EXPECT_EQ(rc ? 0 : cmp_ldap_close_socket(ld.ld_sockfd), 0);
-        EXPECT_EQ(open_fds(), fds); /* a failed connect leaves no socket behind */
+        EXPECT_EQ(integ::open_descriptors(), fds); /* a failed connect leaves no socket behind */
         cmp_netsock_close(filler);
     }
 }
@@ -269,23 +251,13 @@ TEST(PosixLog, SecretsAreMaskedAtEveryLevelUnlessAskedFor)
         ScopedEnv env("TOVEISTROR_LOG_SECRETS", row.secrets);
         const std::string out = run_core();
         const std::string p = row.password;
-        EXPECT_NE(out.find("CMP_LDAP[0] rc=-1 cmp_ldap_bind(): parameter error ld=NULL.dn=cn=admin,"
-                           "cred=" +
-                           p + ",domain=dom,method=0x80.\n"),
-                  std::string::npos)
-            << out;
-        EXPECT_NE(out.find("CMP_LDAP[1] rc=-1 cmp_ldap_simple_bind(): msgid=1,dn=cn=admin,passwd=" +
-                           p + ".\n"),
-                  std::string::npos)
-            << out;
-        EXPECT_NE(
-            out.find("CMP_LDAP[0] rc=256 cmp_ldap_simple_bind(): dn=cn=admin,passwd=" + p + ".\n"),
-            std::string::npos)
-            << out;
-        EXPECT_NE(out.find("CMP_LDAP[0] rc=7 f(): cred=" + row.credential +
-                           ",n=5,%s,cred.total_size=12.\n"),
-                  std::string::npos)
-            << out;
+        for (const std::string &line :
+             {"CMP_LDAP[0] rc=-1 cmp_ldap_bind(): parameter error ld=NULL.dn=cn=admin,cred=" + p +
+                  ",domain=dom,method=0x80.\n",
+              "CMP_LDAP[1] rc=-1 cmp_ldap_simple_bind(): msgid=1,dn=cn=admin,passwd=" + p + ".\n",
+              "CMP_LDAP[0] rc=256 cmp_ldap_simple_bind(): dn=cn=admin,passwd=" + p + ".\n",
+              "CMP_LDAP[0] rc=7 f(): cred=" + row.credential + ",n=5,%s,cred.total_size=12.\n"})
+            EXPECT_NE(out.find(line), std::string::npos) << line << " not in\n" << out;
         EXPECT_EQ(out.find("s3cret") != std::string::npos, row.password != "***") << out;
     }
 }
@@ -329,7 +301,8 @@ struct TlsPeer {
     static std::string pem(X509 *x) /* an unlinked file: nothing stays behind */
     {
         FILE *f = tmpfile();
-        PEM_write_X509(f, x), fflush(f);
+        PEM_write_X509(f, x);
+        fflush(f);
         return "/proc/self/fd/" + std::to_string(fileno(f));
     }
     static inline X509 *ca = make("ca", nullptr, "critical,CA:TRUE", NID_basic_constraints),
@@ -344,12 +317,15 @@ struct TlsPeer {
     void serve(Mode mode, std::string prefix)
     {
         sigset_t pipe; /* in this thread only, so that the port's own guard is tested */
-        sigemptyset(&pipe), sigaddset(&pipe, SIGPIPE), pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+        sigemptyset(&pipe);
+        sigaddset(&pipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
         int fd = l.accept_one(), n;
         send(fd, prefix.data(), prefix.size(), 0);
         if (mode == kClose) shutdown(fd, SHUT_WR);
         SSL_CTX *ctx = SSL_CTX_new(TLS_server_method());
-        SSL_CTX_use_certificate(ctx, cert), SSL_CTX_use_PrivateKey(ctx, key);
+        SSL_CTX_use_certificate(ctx, cert);
+        SSL_CTX_use_PrivateKey(ctx, key);
         SSL *ssl = SSL_new(ctx);
         SSL_set_fd(ssl, fd);
         char b[4096];
@@ -357,7 +333,9 @@ struct TlsPeer {
             SSL_write(ssl, b, n);
         while (recv(fd, b, sizeof(b), 0) > 0) { /* until the client leaves */
         }
-        SSL_free(ssl), SSL_CTX_free(ctx), close(fd);
+        SSL_free(ssl);
+        SSL_CTX_free(ctx);
+        close(fd);
     }
 };
 

@@ -64,7 +64,7 @@ TEST_F(Sessions, Open)
         ASSERT_NE(port("LDAP_PORT", r.tls), 0);
         setenv("TOVEISTROR_CA_FILE", server().at(r.ca).c_str(), 1);
         setenv("TOVEISTROR_LDAP_PROTOCOL", r.protocol, 1);
-        int fd = next_fd(), rc = -1;
+        int fd = open_descriptors(), rc = -1;
         Ld s = open_session(r.host, *r.port ? port(r.port, r.tls) : 1, r.tls_mod, r.ssl_auth, &rc);
         EXPECT_EQ(rc, r.rc);
         EXPECT_EQ(s != nullptr, r.rc == 0);
@@ -76,7 +76,7 @@ TEST_F(Sessions, Open)
             EXPECT_EQ(big.entries, 2000u);
             EXPECT_EQ(cmp_ldap_unbind(s.release()), 0);
         }
-        EXPECT_EQ(next_fd(), fd);
+        EXPECT_EQ(open_descriptors(), fd);
     }
     unsetenv("TOVEISTROR_LDAP_PROTOCOL");
 }

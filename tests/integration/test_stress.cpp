@@ -102,7 +102,7 @@ TEST(Stress, ThreadsEachWithItsOwnHandleReadWhatOneReadsAlone)
     ASSERT_NE(port_of(s, "LDAPS_PORT"), 0);
     setenv("TOVEISTROR_CA_FILE", s.at("CA_FILE").c_str(), 1); /* before any thread reads it */
     unsetenv("TOVEISTROR_LDAP_PROTOCOL");
-    const int fd = next_fd();
+    const int fd = open_descriptors();
     const std::string want = session(s, "127.0.0.1", CMP_LDAP_TLS_MOD_NONE);
     ASSERT_EQ(want.compare(0, 10, "bind rc 0\n"), 0) << want;
     EXPECT_NE(want.find("userPassword: alice-secret\n"), std::string::npos); /* bound as alice */
@@ -146,7 +146,7 @@ TEST(Stress, ThreadsEachWithItsOwnHandleReadWhatOneReadsAlone)
         SCOPED_TRACE("thread " + std::to_string(t));
         EXPECT_EQ(wrong[t].size(), 0u) << (wrong[t].empty() ? "" : wrong[t][0].substr(0, 2000));
     }
-    EXPECT_EQ(next_fd(), fd);
+    EXPECT_EQ(open_descriptors(), fd);
 }
 
 }  // namespace
