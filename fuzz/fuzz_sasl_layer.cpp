@@ -1,9 +1,9 @@
 /*
- * libFuzzer target: one input is what a server sends after a bind that put a SASL security
- * layer in force (the fake SASL library's layer: a 4-octet length, then every octet XOR
- * fake_sasl::kLayerMask). The first octet picks how the input is served (whole, octet by
- * octet, or in chunks of that many octets); PDUs are then read until one read fails. Whatever
- * the wrapped lengths say, nothing may be read out of bounds or left allocated after unbind.
+ * libFuzzer target: one input is what a server sends after a bind that put the fake SASL
+ * library's security layer (fake_sasl::wrap()) in force. The first octet picks how the input
+ * is served (0 whole, else in chunks of that many octets); PDUs are then read until one read
+ * fails. Whatever the wrapped lengths say, nothing may be read out of bounds or left allocated
+ * after unbind.
  * The PDUs inside may declare any length, which the reader allocates as on a plain socket:
  * fuzz with -malloc_limit_mb high enough for 2 GiB, or take such reports as expected.
  */
@@ -16,14 +16,10 @@
 #include "fake_port.h"
 #include "fake_sasl.h"
 
-namespace {
-
-constexpr int kMaxPdus = 64;
+static constexpr int kMaxPdus = 64;
 
 #define CHECK(c, a) \
     ((c) ? (void)0 : (fprintf(stderr, "fuzz_sasl_layer: %s (%ld)\n", #c, (long)(a)), abort()))
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -42,18 +38,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     ld->cmp_ldap_ld_sasl_authctx = conn;
     CHECK(cmp_ldap_sasl_layer_install(ld), 0);
 
-    const size_t chunk = data[0];
     const fake::Bytes stream(data + 1, data + size);
-    if (chunk == 0) {
-        fake::peer_data(stream);
-    } else if (chunk == 1) {
-        fake::peer_data_bytewise(stream);
-    } else {
-        for (size_t at = 0; at < stream.size(); at += chunk)
-            fake::peer_data(
-                fake::Bytes(stream.begin() + (long)at,
-                            stream.begin() + (long)std::min(stream.size(), at + chunk)));
-    }
+    /* An empty stream queues nothing: the first receive reads as the peer's close. */
+    const size_t chunk = data[0] == 0 ? stream.size() : data[0];
+    for (size_t at = 0; at < stream.size(); at += chunk)
+        fake::peer_data(fake::Bytes(stream.begin() + (long)at,
+                                    stream.begin() + (long)std::min(stream.size(), at + chunk)));
     for (int i = 0; i < kMaxPdus; ++i) {
         CMP_LDAP_MESSAGE *msg = nullptr;
         if (cmp_ldap_read_berdata(ld, 1000, &msg) != 0) {

@@ -2,13 +2,9 @@
  * The fake SASL/GSSAPI library of the unit tests: link-time stand-ins for the Cyrus
  * SASL client calls, gss_krb5_ccache_name and the peer look-ups getpeername and
  * getnameinfo, scripted from the test and recording every call. Test code (STL
- * allowed); it takes the place of libsasl2 and libgssapi_krb5 in the unit tests.
- *
- *   fake_sasl::Script s;                       // defaults: a two-step GSSAPI exchange
- *   s.step = {{SASL_OK, "answer"}};            // each sasl_client_step's outcome in turn
- *   fake_sasl::reset(s);
- *   ... call the library ...
- *   EXPECT_EQ(fake_sasl::calls(), expected);   // "sasl_client_step srv1", ...
+ * allowed); it takes the place of libsasl2 and libgssapi_krb5 in the unit tests and
+ * the fuzz target. A test sets a Script (the defaults play a two-step GSSAPI
+ * exchange), calls reset() with it, runs the library and reads calls() and seen().
  */
 #ifndef FAKE_SASL_H
 #define FAKE_SASL_H
@@ -60,7 +56,7 @@ void reset(const Script &script = Script());
 /* Every call in order, with what it was given:
  *   "sasl_version", "sasl_client_init", "sasl_client_new ldap localhost",
  *   "sasl_getprop 13", "sasl_setprop 101", "sasl_client_start GSSAPI",
- *   "sasl_client_step 4 srv1" (length, then the octets as text; "null 0" for none),
+ *   "sasl_client_step 4 srv1" (length, then the octets as text; "null" for none),
  *   "sasl_errdetail", "sasl_dispose", "gss_krb5_ccache_name /path",
  *   "getpeername", "getnameinfo", "sasl_encode 12", "sasl_decode 16" (input lengths). */
 std::vector<std::string> calls();

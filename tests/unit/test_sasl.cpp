@@ -14,6 +14,7 @@
 #include "fake_sasl.h"
 #include "support.h"
 
+using fake_sasl::Script;
 using fake_sasl::wrap;
 using support::Bytes;
 using support::cat;
@@ -112,7 +113,7 @@ class Session : public support::FakePortTest {
         FakePortTest::TearDown();
     }
     virtual void end() = 0;
-    void open(const fake_sasl::Script &script)
+    void open(const Script &script)
     {
         fake_sasl::reset(script);
         cmp_ldap_sasl_forget_mutex();
@@ -134,7 +135,7 @@ class Sasl : public Session {
     void SetUp() override
     {
         FakePortTest::SetUp();
-        open(fake_sasl::Script());
+        open(Script());
     }
     /* No SASL context survives a bind, whatever its outcome. */
     void end() override
@@ -147,12 +148,15 @@ class Sasl : public Session {
         cmp_ldap_free_text(&ld_->ld_referral);
         support::free_block(std::exchange(ld_, nullptr));
     }
-    /* A table's next row: the last one left no block, and the fake port starts afresh. */
-    void restart(const fake_sasl::Script &script = fake_sasl::Script())
+    /* A table's next row: the last one left no block, the fake port starts afresh and
+     * the fake SASL library plays the default script with this change. */
+    void restart(const std::function<void(Script &)> &change = nullptr)
     {
         end();
         EXPECT_EQ(fake::live_blocks(), 0) << fake::live_block_report();
         fake::reset();
+        Script script;
+        if (change) change(script);
         open(script);
     }
     static void serve_default(uint8_t first_id = 1)
@@ -211,7 +215,7 @@ TEST_F(Sasl, GssapiExchangeSendsEachTokenAndReturnsTheFinalId)
 /* Each row: how the fake SASL library and the server behave, and the outcome. */
 struct Case {
     const char *name;
-    std::function<void(fake_sasl::Script &)> script;
+    std::function<void(Script &)> script;
     std::vector<Bytes> peer;
     int result;
     int32_t ld_errno;
@@ -230,12 +234,10 @@ TEST_F(Sasl, OutcomesOfTheConversation)
     const std::string parse = "cmp_ldap_parse_sasl_bind_result(): ";
     const std::string start_err = b + "sasl_client_start() error.saslrc=";
     const std::string step_err = b + "sasl_client_step() error.saslrc=";
-    auto no_script = [](fake_sasl::Script &) {};
-    auto version = [](int v) { return [v](fake_sasl::Script &s) { s.version = v; }; };
-    auto steps = [](std::vector<fake_sasl::Reply> r) {
-        return [r](fake_sasl::Script &s) { s.step = r; };
-    };
+    auto version = [](int v) { return [v](Script &s) { s.version = v; }; };
+    auto steps = [](std::vector<fake_sasl::Reply> r) { return [r](Script &s) { s.step = r; }; };
     const std::string no_name = "cmp_ldap_ber_get_tag(): Illegal position ";
+    const Bytes early = response(1, 0, creds("srv1"));
     // clang-format off
     const Case cases[] = {
         {"2.1.23 accepted", version(0x02010017), exchange(1), 3, 0, {}},
@@ -244,70 +246,65 @@ TEST_F(Sasl, OutcomesOfTheConversation)
          {e(283, init + "SASL library version mismatch: expected 2.1.23, got 2.1.22.\n")}},
         {"2.2.0 refused", version(0x02020000), {}, -1, 283,
          {e(283, init + "SASL library version mismatch: expected 2.1.23, got 2.2.0.\n")}},
-        {"client_init fails", [](fake_sasl::Script &s) { s.client_init = SASL_FAIL; }, {}, -1, 283,
+        {"client_init fails", [](Script &s) { s.client_init = SASL_FAIL; }, {}, -1, 283,
          {e(283, init + "sasl_client_init() error.saslrc=-1.\n")}},
-        {"client_new fails", [](fake_sasl::Script &s) { s.client_new = SASL_NOMECH; }, {}, -1, 283,
+        {"client_new fails", [](Script &s) { s.client_new = SASL_NOMECH; }, {}, -1, 283,
          {e(283, "cmp_ldap_int_sasl_open(): sasl_client_new() error.saslrc=-4\n")}},
-        {"peer has no reverse name", [](fake_sasl::Script &s) { s.reverse_name = ""; }, {}, -1, 281,
-         {}},
-        {"no peer", [](fake_sasl::Script &s) { s.peer = false; }, {}, -1, 281,
+        {"peer has no reverse name", [](Script &s) { s.reverse_name = ""; }, {}, -1, 281, {}},
+        {"no peer", [](Script &s) { s.peer = false; }, {}, -1, 281,
          {"cmp_ldap_host_connected_to(): getpeername() error.\n"}},
-        {"missing cache", no_script, {}, -1, 282,
+        {"missing cache", nullptr, {}, -1, 282,
          {e(282, cc + "error (ccname=" + kNoCache + ").\n")}, kNoCache},
-        {"directory as cache keeps ld_errno", no_script, {}, -1, 0,
+        {"directory as cache keeps ld_errno", nullptr, {}, -1, 0,
          {e(0, cc + "mode error (ccname=" + kDirCache + ").\n")}, kDirCache},
         {"gss_krb5_ccache_name fails",
-         [](fake_sasl::Script &s) { s.gss_major = 0x000d0000, s.gss_minor = 0x96c73a9c; }, {}, -1, 283,
+         [](Script &s) { s.gss_major = 0x000d0000, s.gss_minor = 0x96c73a9c; }, {}, -1, 283,
          {e(283, "cmp_ldap_set_krb5_ccache_name(): gss_krb5_ccache_name() maj_stat=0xd0000,"
           "min_stat=0x96c73a9c.\n")}},
-        {"setprop fails", [](fake_sasl::Script &s) { s.setprop = SASL_NOMEM; }, {}, -1, 265,
+        {"setprop fails", [](Script &s) { s.setprop = SASL_NOMEM; }, {}, -1, 265,
          {e(265, b + "sasl_setprop() error.saslrc=-2.\n")}},
-        {"start fails", [](fake_sasl::Script &s) { s.start = {{SASL_FAIL}}; }, {}, -1, 280,
+        {"start fails", [](Script &s) { s.start = {{SASL_FAIL}}; }, {}, -1, 280,
          {e(280, start_err + "-1,errdetail=" + kDetail + ".\n")}},
         {"password asked",
-         [](fake_sasl::Script &s) { s.start = {{SASL_INTERACT, "", false, SASL_CB_PASS}}; }, {}, -1, 283,
+         [](Script &s) { s.start = {{SASL_INTERACT, "", false, SASL_CB_PASS}}; }, {}, -1, 283,
          {e(283, b + "sasl_client_start() error. An interaction out of support (id=0x4004).\n"),
           e(283, start_err + "2,errdetail=" + kDetail + ".\n")}},
         {"step fails: bad server", steps({{SASL_BADSERV}}), {kFirst}, -1, 280,
          {e(280, step_err + "-10,errdetail=" + kDetail + ".\n")}},
         {"step asks for interaction", steps({{SASL_INTERACT, "", false, SASL_CB_USER}}), {kFirst}, -1, 283,
          {e(283, step_err + "2,errdetail=" + kDetail + ".\n")}},
-        {"server done early, client agrees", steps({{SASL_OK, "tok2"}}), {response(1, 0, creds("srv1"))},
-         1, 0, {}},
-        {"server done early, client wants more", steps({{SASL_CONTINUE, "tok2"}}),
-         {response(1, 0, creds("srv1"))}, -1, 283, {e(283, step_err + "1,errdetail=" + kDetail + ".\n")}},
-        {"final response still has credentials", no_script,
+        {"server done early, client agrees", steps({{SASL_OK, "tok2"}}), {early}, 1, 0, {}},
+        {"server done early, client wants more", steps({{SASL_CONTINUE, "tok2"}}), {early}, -1, 283,
+         {e(283, step_err + "1,errdetail=" + kDetail + ".\n")}},
+        {"final response still has credentials", nullptr,
          {kFirst, response(2, 14, creds("srv2")), response(3, 0, creds("extra"))}, -1, 283,
          {e(283, b + "cmp_ldap_sasl_bind_s() error.rc=283,saslrc=0,len=5.\n")}},
-        {"final response without credentials (as slapd sends it)", no_script,
+        {"final response without credentials (as slapd sends it)", nullptr,
          {kFirst, response(2, 14, creds("srv2")), response(3, 0, {})}, 3, 0, {}},
-        {"refusal without credentials keeps its code", no_script, {response(1, 49, {}, "bad")}, -1, 49,
-         {}},
-        {"bind in progress without credentials", no_script, {response(1, 14, {})}, -1, 284,
+        {"refusal without credentials keeps its code", nullptr, {response(1, 49, {}, "bad")}, -1, 49, {}},
+        {"bind in progress without credentials", nullptr, {response(1, 14, {})}, -1, 284,
          {no_name + "(pos=14,mes->cmp_ldap_total_size=14).\n",
           e(284, parse + "Failed to get serverSaslCreds. tag=0xff,len=-1,nextPos=14,total_size=14.\n")}},
-        {"search result done answers", no_script, {response(1, 0, creds(""), "", 0x65)}, -1, 283,
+        {"search result done answers", nullptr, {response(1, 0, creds(""), "", 0x65)}, -1, 283,
          {e(283, parse + "Illegal message (application=5).\n")}},
-        {"server refuses", no_script, {response(1, 49, creds(""), "no")}, -1, 49, {}},
-        {"referral skipped to the credentials", no_script,
+        {"server refuses", nullptr, {response(1, 49, creds(""), "no")}, -1, 49, {}},
+        {"referral skipped to the credentials", nullptr,
          {response(1, 10, cat({tlv(0xA3, octets("ldap://x/")), creds("")}))}, -1, 10, {}},
-        {"referral cut short", no_script, {response(1, 10, hex("A3"))}, -1, 284,
+        {"referral cut short", nullptr, {response(1, 10, hex("A3"))}, -1, 284,
          {e(284, parse + "Failed to get referral. Illegal length (content size=16).\n")}},
-        {"referral unreadable", no_script, {response(1, 10, hex("A3 05 30 00 87 00"))}, -1, 284,
+        {"referral unreadable", nullptr, {response(1, 10, hex("A3 05 30 00 87 00"))}, -1, 284,
          {"cmp_ldap_ber_decode_string_stub(): It's not correct type (tag.type = 16).\n",
           e(284, parse + "Failed to get referral.\n")}},
-        {"credentials beyond the end", no_script, {response(1, 14, hex("87 05 00"))}, -1, 284,
+        {"credentials beyond the end", nullptr, {response(1, 14, hex("87 05 00"))}, -1, 284,
          {e(284, parse + "Failed to get serverSaslCreds. tag=0x87,len=5,nextPos=14,total_size=17.\n")}},
-        {"resultCode unreadable", no_script, {tlv(0x30, hex("02 01 01 61 03 04 01 00"))}, -1, 284,
+        {"resultCode unreadable", nullptr, {tlv(0x30, hex("02 01 01 61 03 04 01 00"))}, -1, 284,
          {"cmp_ldap_ber_decode_number(): It's not correct type (tag.type = 4).\n",
           e(284, parse + "Failed to get resultCode.\n")}},
     };
     // clang-format on
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
-        fake_sasl::Script script;
-        c.script(script);
-        restart(script);
+        restart(c.script);
         for (const Bytes &pdu : c.peer)
             fake::peer_data(pdu);
         EXPECT_EQ(bind(c.ccname), c.result);
@@ -321,9 +318,9 @@ TEST_F(Sasl, OutcomesOfTheConversation)
 
 TEST_F(Sasl, UserPromptIsAnsweredWithAnEmptyName)
 {
-    fake_sasl::Script s;
-    s.start = {{SASL_INTERACT, "", false, SASL_CB_USER}, {SASL_CONTINUE, "tok1"}};
-    restart(s);
+    restart([](Script &s) {
+        s.start = {{SASL_INTERACT, "", false, SASL_CB_USER}, {SASL_CONTINUE, "tok1"}};
+    });
     serve_default();
     EXPECT_EQ(bind(), 3);
     EXPECT_EQ(fake_sasl::seen().answers, Lines{"id=0x4001 result='' len=0 defresult=(null)"});
@@ -407,7 +404,7 @@ TEST_F(Sasl, HostConnectedToPrefersTheReverseName)
         {false, "ldap.example", "dflt", nullptr},
     };
     for (const auto &c : cases) {
-        fake_sasl::Script s;
+        Script s;
         s.peer = c.peer;
         s.reverse_name = c.name;
         fake_sasl::reset(s);
@@ -421,7 +418,7 @@ TEST_F(Sasl, EveryOsWrapperCallFailingInTurn)
 {
     const struct {
         const char *function;
-        std::function<void(fake_sasl::Script &)> script;
+        std::function<void(Script &)> script;
         int result;
         int32_t ld_errno;
         std::string line;
@@ -442,14 +439,12 @@ TEST_F(Sasl, EveryOsWrapperCallFailingInTurn)
          "cmp_ldap_int_sasl_bind_task() zelOSWWaitTask() Error: Error=5.\n"},
         {"zelOSWReleaseMutexSem", nullptr, -1, 285,
          e(285, "cmp_ldap_sasl_unlock_mutex() zelOSWReleaseMutexSem() Error: Error=5.\n")},
-        {"zelOSWReleaseMutexSem", [](fake_sasl::Script &s) { s.reverse_name = ""; }, -1, 281,
+        {"zelOSWReleaseMutexSem", [](Script &s) { s.reverse_name = ""; }, -1, 281,
          e(285, "cmp_ldap_sasl_unlock_mutex() zelOSWReleaseMutexSem() Error: Error=5.\n")},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.function);
-        fake_sasl::Script script;
-        if (c.script) c.script(script);
-        restart(script);
+        restart(c.script);
         serve_default();
         fake::script_os(c.function, {5});
         EXPECT_EQ(bind(), c.result);
@@ -462,7 +457,7 @@ TEST_F(Sasl, EveryAllocationFailingInTurnLeavesNothing)
 {
     end();
     long n = support::sweep_alloc_failures([&](long k) {
-        open(fake_sasl::Script());
+        open(Script());
         serve_default();
         fake::arm_alloc_failure(k);
         int rc = bind();
@@ -513,15 +508,15 @@ class Layer : public Session {
         FakePortTest::SetUp();
         start(layered());
     }
-    static fake_sasl::Script layered()
+    static Script layered()
     {
-        fake_sasl::Script s;
+        Script s;
         s.ssf = 56;
         s.maxoutbuf = 10;
         return s;
     }
     /* A session whose opted-in GSSAPI bind is over: its result, and the log cleared. */
-    int start(const fake_sasl::Script &script, bool bind = true)
+    int start(const Script &script, bool bind = true)
     {
         open(script);
         EXPECT_EQ(cmp_ldap_set_sasl_ssf(ld_, 0, 256), 0);
@@ -549,12 +544,6 @@ class Layer : public Session {
         EXPECT_EQ(fake_sasl::live_connections(), 0);
     }
     Bytes sent_since() const { return slice(fake::sent(), sent_before_, fake::sent().size()); }
-    static std::string pointer(const void *p)
-    {
-        char text[32];
-        snprintf(text, sizeof text, "%p", p);
-        return text;
-    }
     size_t sent_before_ = 0;
 };
 
@@ -569,7 +558,7 @@ TEST_F(Layer, BindAsksForTheCallersStrengthAndKeepsTheLayer)
 
     /* Negotiating no layer leaves the session unwrapped and keeps no context. */
     end();
-    fake_sasl::Script none = layered();
+    Script none = layered();
     none.ssf = 0;
     EXPECT_EQ(start(none), 3);
     EXPECT_EQ(cmp_ldap_sasl_layer_on(ld_), nullptr);
@@ -593,7 +582,7 @@ TEST_F(Layer, ASecondBindTravelsThroughTheLayerAndReplacesIt)
 TEST_F(Layer, ALayerWithoutAMaximumBufferIsRefusedAndTheConnectionDropped)
 {
     end();
-    fake_sasl::Script script = layered();
+    Script script = layered();
     script.maxoutbuf = 0;
     start(script, false);
     EXPECT_EQ(bind_default(), -1);
@@ -610,11 +599,13 @@ TEST_F(Layer, SetterRefusesWhatIsNoRangeAndTheDefaultCostsNothing)
     EXPECT_EQ(cmp_ldap_set_sasl_ssf(nullptr, 0, 1), CMP_LDAP_PARAM_ERROR);
     EXPECT_EQ(cmp_ldap_set_sasl_ssf(ld_, 2, 1), CMP_LDAP_PARAM_ERROR);
     EXPECT_EQ(ld_->ld_errno, CMP_LDAP_PARAM_ERROR);
+    char pointer[32];
+    snprintf(pointer, sizeof pointer, "%p", static_cast<void *>(ld_));
     EXPECT_EQ(errors(), (Lines{e(264,
                                  "cmp_ldap_set_sasl_ssf(): parameter error (ld=(nil),min_ssf=0,"
                                  "max_ssf=1).\n"),
                                e(264, "cmp_ldap_set_sasl_ssf(): parameter error (ld=" +
-                                          pointer(ld_) + ",min_ssf=2,max_ssf=1).\n")}));
+                                          std::string(pointer) + ",min_ssf=2,max_ssf=1).\n")}));
 
     CMP_LDAP *fresh = cmp_ldap_allocate_ldap_handler();
     const long blocks = fake::live_blocks();
@@ -644,7 +635,7 @@ TEST_F(Layer, RequestsLeaveWrappedInPiecesThePeerTakes)
     EXPECT_EQ(ld_->ld_errno, CMP_LDAP_SERVER_DOWN);
 
     end();
-    fake_sasl::Script broken = layered();
+    Script broken = layered();
     broken.encode = SASL_FAIL;
     start(broken);
     EXPECT_EQ(cmp_ldap_send_berdata(ld_, &sb), -1);
@@ -708,7 +699,7 @@ TEST_F(Layer, ResponsesAreReadOneWrappedBufferAtATime)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         end();
-        fake_sasl::Script script = layered();
+        Script script = layered();
         script.decode = c.decode;
         ASSERT_EQ(start(script), 3);
         if (c.bytewise) {
