@@ -113,8 +113,11 @@ class Session : public support::FakePortTest {
         FakePortTest::TearDown();
     }
     virtual void end() = 0;
-    void open(const Script &script)
+    using Change = std::function<void(Script &)>;
+    /* The fake SASL library plays this script, after this change to it. */
+    void open(Script script, const Change &change = nullptr)
     {
+        if (change) change(script);
         fake_sasl::reset(script);
         cmp_ldap_sasl_forget_mutex();
         cmp_ldap_cyrus_forget_init();
@@ -150,14 +153,12 @@ class Sasl : public Session {
     }
     /* A table's next row: the last one left no block, the fake port starts afresh and
      * the fake SASL library plays the default script with this change. */
-    void restart(const std::function<void(Script &)> &change = nullptr)
+    void restart(const Change &change = nullptr)
     {
         end();
         EXPECT_EQ(fake::live_blocks(), 0) << fake::live_block_report();
         fake::reset();
-        Script script;
-        if (change) change(script);
-        open(script);
+        open(Script(), change);
     }
     static void serve_default(uint8_t first_id = 1)
     {
@@ -506,19 +507,18 @@ class Layer : public Session {
     void SetUp() override
     {
         FakePortTest::SetUp();
-        start(layered());
+        start();
     }
-    static Script layered()
+    /* The last session ended, one whose opted-in GSSAPI bind is over: its result, and
+     * the log cleared. The SASL library offers a layer (ssf 56, at most 10 octets a
+     * buffer) but for this change. */
+    int start(const Change &change = nullptr, bool bind = true)
     {
-        Script s;
-        s.ssf = 56;
-        s.maxoutbuf = 10;
-        return s;
-    }
-    /* A session whose opted-in GSSAPI bind is over: its result, and the log cleared. */
-    int start(const Script &script, bool bind = true)
-    {
-        open(script);
+        end();
+        Script layered;
+        layered.ssf = 56;
+        layered.maxoutbuf = 10;
+        open(layered, change);
         EXPECT_EQ(cmp_ldap_set_sasl_ssf(ld_, 0, 256), 0);
         int rc = bind ? bind_default() : 0;
         sent_before_ = fake::sent().size();
@@ -557,10 +557,7 @@ TEST_F(Layer, BindAsksForTheCallersStrengthAndKeepsTheLayer)
     ASSERT_NE(cmp_ldap_sasl_layer_on(ld_), nullptr);
 
     /* Negotiating no layer leaves the session unwrapped and keeps no context. */
-    end();
-    Script none = layered();
-    none.ssf = 0;
-    EXPECT_EQ(start(none), 3);
+    EXPECT_EQ(start([](Script &s) { s.ssf = 0; }), 3);
     EXPECT_EQ(cmp_ldap_sasl_layer_on(ld_), nullptr);
     EXPECT_EQ(fake_sasl::live_connections(), 0);
 }
@@ -581,10 +578,7 @@ TEST_F(Layer, ASecondBindTravelsThroughTheLayerAndReplacesIt)
 
 TEST_F(Layer, ALayerWithoutAMaximumBufferIsRefusedAndTheConnectionDropped)
 {
-    end();
-    Script script = layered();
-    script.maxoutbuf = 0;
-    start(script, false);
+    start([](Script &s) { s.maxoutbuf = 0; }, false);
     EXPECT_EQ(bind_default(), -1);
     EXPECT_EQ(ld_->ld_errno, CMP_LDAP_SASL_ERROR);
     EXPECT_EQ(ld_->ld_sockfd, CMP_LDAP_DROPPED_SOCKET);
@@ -634,10 +628,7 @@ TEST_F(Layer, RequestsLeaveWrappedInPiecesThePeerTakes)
     EXPECT_EQ(cmp_ldap_send_berdata(ld_, &sb), -1);
     EXPECT_EQ(ld_->ld_errno, CMP_LDAP_SERVER_DOWN);
 
-    end();
-    Script broken = layered();
-    broken.encode = SASL_FAIL;
-    start(broken);
+    start([](Script &s) { s.encode = SASL_FAIL; });
     EXPECT_EQ(cmp_ldap_send_berdata(ld_, &sb), -1);
     EXPECT_EQ(ld_->ld_errno, CMP_LDAP_SASL_ERROR);
     EXPECT_EQ(errors(), Lines{e(283,
@@ -698,10 +689,7 @@ TEST_F(Layer, ResponsesAreReadOneWrappedBufferAtATime)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        end();
-        Script script = layered();
-        script.decode = c.decode;
-        ASSERT_EQ(start(script), 3);
+        ASSERT_EQ(start([&c](Script &s) { s.decode = c.decode; }), 3);
         if (c.bytewise) {
             fake::peer_data_bytewise(c.data);
         } else if (!c.data.empty()) {
@@ -736,7 +724,7 @@ TEST_F(Layer, EveryAllocationFailingInTurnLeavesNothing)
     end();
     long used = 0; /* by the bind and the read; unbind's own come after */
     long n = support::sweep_alloc_failures([&](long k) {
-        start(layered(), false);
+        start(nullptr, false);
         fake::peer_data(cat({joined(exchange(1)), wrap(kDone)}));
         fake::arm_alloc_failure(k);
         int rc = bind();
