@@ -106,15 +106,13 @@ TEST_F(Session, OpenFailuresPassThroughLogAndLeaveNothing)
     auto peer = [](const char *h) { return [h] { fake::peer_data(hex(h)); }; };
     const auto range = err(264, kOpen + "(): parameter error (illegal value: ipv6,tls_mod).\n");
     const auto off = err(276, kOpen + "(): protocol setting error.\n");
+    const auto unread = err(-1,
+                            "cmp_ldap_check_protocol_setting(): Cannot read "
+                            "ME_STC_U08_LDAP_PROTOCOL.retcode=0x00000072.\n");
     check(0, 264, {range}, [&] { p_.ipv6 = 2; });
     check(3, 264, {range}, [] {});
     check(0, 276, {off}, [] { fake::set_setting(0, 0); });
-    check(0, 276,
-          {err(-1,
-               "cmp_ldap_check_protocol_setting(): Cannot read "
-               "ME_STC_U08_LDAP_PROTOCOL.retcode=0x00000072.\n"),
-           off},
-          [] { fake::set_setting(0x72, 1); });
+    check(0, 276, {unread, off}, [] { fake::set_setting(0x72, 1); });
     check(0, 279, {}, [] { fake::script_connect({-1}); });
     check(1, 256, {}, kSendFails);
     check(1, 259, {}, peer("30 03 02 01 01"));  // envelope without a protocolOp
