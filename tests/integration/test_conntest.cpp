@@ -106,8 +106,6 @@ int descriptors_settled_at(int want)
     return n;
 }
 
-}  // namespace
-
 TEST(ConnectionTest, CancelBeforeAnyTestASecondStartAndCancelAfterTheEnd)
 {
     CMP_LDAP_ASYNC_TEST_ID none{1, 2};
@@ -200,7 +198,6 @@ TEST(ConnectionTest, OutcomesAreTheSameInBothForms)
     unsetenv("TOVEISTROR_LDAP_PROTOCOL");
     unsetenv("TOVEISTROR_CA_FILE");
 }
-namespace {
 
 // True once the test task sits in a write to fd 2: blocked on its log.
 bool task_writing_log()
@@ -225,8 +222,6 @@ bool wait_for(Pred pred, int ms)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return pred();
 }
-
-}  // namespace
 
 // The search phase has one check point, between sending the search and reading its
 // answer. To cancel exactly there, the task's request traces go to a pipe that is
@@ -335,3 +330,5 @@ TEST(ConnectionTest, StartCancelRaces)
                 outcomes[0], outcomes[0x51035105]);
     zelOSWOrgFreeMemPart(0, id);
 }
+
+}  // namespace
