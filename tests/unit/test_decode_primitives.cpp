@@ -18,10 +18,10 @@ constexpr uint32_t kFail = 0xFFFFFFFFu;
 struct Msg {
     CMP_LDAP_MESSAGE *m;
     explicit Msg(const Bytes &pdu, bool tight = true)
-        : m(tight ? support::make_tight_message(pdu) : support::make_message(pdu))
+        : m(tight ? make_tight_message(pdu) : make_message(pdu))
     {
     }
-    ~Msg() { support::free_block(m); }
+    ~Msg() { free_block(m); }
     operator M() const { return m; }
 };
 
@@ -125,8 +125,8 @@ TEST_F(Decode, Strings)
         EXPECT_STREQ(s, text);
         EXPECT_STREQ(buf, text);
         EXPECT_EQ(Bytes(bv->data, bv->data + bv->total_size), Bytes(text, text + n));
-        support::free_block(s);
-        support::free_block(bv);
+        free_block(s);
+        free_block(bv);
     }
     char buf[CMP_LDAP_TEXT_SIZE], *s = buf; /* the size counts the NUL */
     CMP_LDAP_BERVAL *bv = reinterpret_cast<CMP_LDAP_BERVAL *>(buf);
@@ -199,7 +199,7 @@ TEST_F(Decode, NextAndCount)
         {hex("31 84 7F FF FF FA 04 01 61"), 0, -1, -1, next_err(5, 0x7FFFFFFA)}, /* 2^31 */
     };
     for (const auto &[pdu, pos, next, count, log] : rows) {
-        SCOPED_TRACE(support::to_hex(pdu) + " at " + std::to_string(pos));
+        SCOPED_TRACE(to_hex(pdu) + " at " + std::to_string(pos));
         Msg msg(pdu);
         EXPECT_EQ(cmp_ldap_ber_get_next(msg, pos), next);
         EXPECT_EQ(cmp_ldap_ber_count_members(msg, pos), count);
@@ -250,7 +250,7 @@ TEST_F(Decode, Lookup)
     for (const auto &[pdu, name, value, log] : rows) {
         Msg msg(pdu);
         const int32_t set = cmp_ldap_ber_lookup_attribute_on_search_entry(msg, name);
-        EXPECT_EQ(take_log(), log) << name << " in " << support::to_hex(pdu);
+        EXPECT_EQ(take_log(), log) << name << " in " << to_hex(pdu);
         char got[8] = "-1";
         if (set != -1 && cmp_ldap_ber_decode_string_to(msg, set + 2, got, 8) == kFail) got[0] = '?';
         EXPECT_STREQ(got, value) << name;

@@ -8,6 +8,8 @@
 #include "cmp_ldap_internal.h"
 #include "support.h"
 
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers" /* records zero-filled */
+
 using namespace support;
 
 namespace {
@@ -135,11 +137,8 @@ TEST_F(HostilePeer, ARefusedStartTlsWithAReferralLeavesNothingAllocated)
         const std::string url = "ldap://other.example/" + std::string(url_len - 21, 'x');
         fake::peer_data(tlv(0x30, hex("02 01 01") + tlv(0x78, hex("0A 01 0A 04 00 04 00") +
                                                                   tlv(0xA3, octets(url)))));
-        CMP_LDAP_CONN_PARAM p{};
-        p.cmp_ldap_hostname = const_cast<char *>("ldap.example");
-        p.portno = 389;
-        p.timeout = 5;
-        p.tls_mod = CMP_LDAP_TLS_MOD_STARTTLS;
+        CMP_LDAP_CONN_PARAM p{const_cast<char *>("ldap.example"), 389, 5, 0,
+                              CMP_LDAP_TLS_MOD_STARTTLS};
         CMP_LDAP *ld = nullptr;
         EXPECT_EQ(cmp_ldap_open_with_timeout(&p, &ld), CMP_LDAP_OTHER);
         EXPECT_EQ(ld, nullptr);
@@ -178,12 +177,8 @@ TEST_F(HostilePeer, OutOfContractFilterRecordsWriteAndCountNothingExtra)
      * counted, so the buffer of exactly the computed length is filled exactly. */
     CMP_LDAP ld{};
     ld.ld_mid = 1;
-    CMP_LDAP_SEARCH_FILTER f{};
-    f.cmp_ldap_searchCond = 1;
-    f.cmp_ldap_items[0] = CMP_LDAP_FILTER_ITEM{7, "cn", "abc"};
-    f.cmp_ldap_items[1] = CMP_LDAP_FILTER_ITEM{CMP_LDAP_FILTER_COND_EQUAL, "sn", "x"};
-    CMP_LDAP_SEARCH_FILTER_PRESENT fp{};
-    strcpy(fp.attr[0], "mail");
+    CMP_LDAP_SEARCH_FILTER f{0, 1, {{7, "cn", "abc"}, {CMP_LDAP_FILTER_COND_EQUAL, "sn", "x"}}};
+    CMP_LDAP_SEARCH_FILTER_PRESENT fp{0, 0, {"mail"}};
     char *attrs[] = {nullptr};
     /* the filter and presence counts, and the filter element written */
     const std::tuple<uint8_t, uint8_t, const char *> cases[] = {

@@ -73,8 +73,9 @@ TEST_F(SearchParams, ParsingAndEveryAllocationFailing)
         {A, "a,b,c,d,e,f,g,h,i", "", {"a", "b", "c", "d", "e", "f", "g", "h"}},
         {A, "  common name  ,\tx, cn\t ,a,", "", {"common name", "\tx", "cn\t", "a"}},
     };
-    for (const auto &[kind, a, v, want] : rows)
+    for (const auto &row : rows)
         support::sweep_alloc_failures([&](long k) {
+            const auto &[kind, a, v, want] = row;
             fake::arm_alloc_failure(k);
             EXPECT_EQ(parse(kind, a, v), k ? Strings{"null"} : want) << (a ? a : "");
             std::string line = std::string("cmp_ldap_parse_search_") + kind +

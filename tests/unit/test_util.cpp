@@ -11,8 +11,7 @@ TEST_F(Util, HandleMessageIdsAndAllocator)
 {
     CMP_LDAP *ld = cmp_ldap_allocate_ldap_handler();
     ASSERT_NE(ld, nullptr);
-    CMP_LDAP zero;
-    memset(&zero, 0, sizeof zero);
+    static const CMP_LDAP zero{}; /* static: its padding is zero too */
     EXPECT_EQ(memcmp(ld, &zero, sizeof zero), 0);
     /* 1, 2, 3 on a new handle; 0 follows 65535 by design. */
     for (int32_t want : {1, 2, 3})
