@@ -41,7 +41,11 @@ const auto dumped = [](const std::string &name, int code) {
 
 class Session : public FakePortTest {
   protected:
-    void SetUp() override { FakePortTest::SetUp(), connect(); }
+    void SetUp() override
+    {
+        FakePortTest::SetUp();
+        connect();
+    }
     void TearDown() override
     {
         if (ld_ != nullptr && ld_ != kUntouched) end();
@@ -50,24 +54,41 @@ class Session : public FakePortTest {
     /* A connected plain session, a clean log, the search preset to the worked example. */
     void connect()
     {
-        ld_ = cmp_ldap_allocate_ldap_handler(), ld_->ld_sockfd = cmp_netsock_socket(AF_INET, 1, 0);
-        fake::clear_log(), preset();
+        ld_ = cmp_ldap_allocate_ldap_handler();
+        ld_->ld_sockfd = cmp_netsock_socket(AF_INET, 1, 0);
+        fake::clear_log();
+        preset();
     }
     void preset()
     {
-        target = ld_, base = "dc=example", attrs = "cn,mail", scope = 2, only = 0;
+        target = ld_;
+        base = "dc=example";
+        attrs = "cn,mail";
+        scope = 2;
+        only = 0;
         f = CMP_LDAP_FILTER{CMP_LDAP_FILTER_COND_EQUAL, 0, "cn", "abc"};
-        pr = CMP_LDAP_FILTER_PRESENT{0, "mail"}, filter = &f, present = nullptr;
+        pr = CMP_LDAP_FILTER_PRESENT{0, "mail"};
+        filter = &f;
+        present = nullptr;
         ld_->ld_deref = ld_->ld_sizelimit = ld_->ld_timelimit = ld_->ld_errno = 0;
     }
     int search() { return cmp_ldap_search_tiny(target, base, scope, filter, present, attrs, only); }
-    void end() { cmp_ldap_close_connection(ld_), free_block(std::exchange(ld_, nullptr)); }
+    void end()
+    {
+        cmp_ldap_close_connection(ld_);
+        free_block(std::exchange(ld_, nullptr));
+    }
     /* For the open: a fresh port; a StartTLS peer agrees unless the script answers first. */
     void start(uint8_t tls_mod, int32_t timeout = 5, const Script &script = nullptr)
     {
-        fake::reset(), fake::set_resolver(0, {fake::ipv4("192.0.2.10")});
-        p_ = CMP_LDAP_CONN_PARAM{}, p_.cmp_ldap_hostname = const_cast<char *>("ldap.example");
-        p_.portno = 389, p_.timeout = timeout, p_.tls_mod = tls_mod, ld_ = kUntouched;
+        fake::reset();
+        fake::set_resolver(0, {fake::ipv4("192.0.2.10")});
+        p_ = CMP_LDAP_CONN_PARAM{};
+        p_.cmp_ldap_hostname = const_cast<char *>("ldap.example");
+        p_.portno = 389;
+        p_.timeout = timeout;
+        p_.tls_mod = tls_mod;
+        ld_ = kUntouched;
         if (script) script();
         if (tls_mod == 1) fake::peer_data(hex(kStartTlsOk));
     }
@@ -121,7 +142,9 @@ TEST_F(Session, OpenFailuresPassThroughLogAndLeaveNothing)
     check(1, 0, {}, peer("30 0c 02 01 01 61 07 0a 01 00 04 00 04 00"));
     check(2, 266, {}, [] { fake::set_tls({OSL_SCR_SSL_WRP_ERR_INIT_A, 0, 0, 0, 0, {}}); });
     check(1, 274, {}, [] { fake::set_tls({0, 0, OSL_SCR_SSL_WRP_ERR_HANDSHAKE_D, 0, 0, {}}); });
-    start(0), fake::set_setting(0, 0);  // only check_protocol 1 reads the setting
+    // only check_protocol 1 reads the setting
+    start(0);
+    fake::set_setting(0, 0);
     ASSERT_EQ(cmp_ldap_open_with_timeout_main(&p_, &ld_, 2), 0);
     end();
 }
@@ -157,7 +180,8 @@ TEST_F(Session, OpenWithEveryAllocationFailingInTurnLeavesNothing)
 {
     for (uint8_t tls_mod : {0, 1, 2}) {
         long n = sweep_alloc_failures([&](long k) {
-            start(tls_mod), fake::arm_alloc_failure(k);
+            start(tls_mod);
+            fake::arm_alloc_failure(k);
             int rc = cmp_ldap_open_with_timeout(&p_, &ld_);
             ASSERT_EQ(rc == 0, k == 0);
             if (k == 0) return end();
@@ -179,7 +203,8 @@ TEST_F(Session, ResultIdsTypesTimeOutsAndTheSaslShortCut)
     const CMP_LDAP_TIMEVAL tv1{1, 999999}, tv0{0, 500}, tv2{0, 2000};  // id 1 is dropped
     for (auto c : {std::make_pair(&tv1, 1999L), {&tv0, 0L}, {&tv2, 2L}, {nullptr, -1L}}) {
         size_t seen = fake::recv_timeouts().size();
-        fake::peer_data(pdu(1, 0x65)), fake::peer_data(pdu(2, 0x61));
+        fake::peer_data(pdu(1, 0x65));
+        fake::peer_data(pdu(2, 0x61));
         ASSERT_EQ(cmp_ldap_result(ld_, 2, 0, c.first, &res_), 1);
         free_block(res_);
         auto waits = fake::recv_timeouts();
@@ -188,7 +213,8 @@ TEST_F(Session, ResultIdsTypesTimeOutsAndTheSaslShortCut)
     }
     /* a finished SASL bind answers for the last issued id without reading */
     for (auto m : {std::make_pair(4, 4), {1, 1}, {5, 4}, {0, 0}}) {
-        ld_->ld_mid = m.first, ld_->ld_sasl_msgid = m.second;
+        ld_->ld_mid = m.first;
+        ld_->ld_sasl_msgid = m.second;
         size_t before = fake::recv_timeouts().size();  // nothing scripted: a read finds no peer
         EXPECT_EQ(cmp_ldap_result(ld_, 99, 0, nullptr, &res_),
                   m.first == m.second && m.first ? 1 : -1);
@@ -273,8 +299,10 @@ TEST_F(Session, RefusalsLogTheirCheckAndTakeNoId)
       [&] { present = &pr, pr.cmp_ldap_searchCond = 2; });
     s("(filter_present->attr length=385)", [&] { present = &pr, memset(pr.attr, 'p', 385); });
     s("(scope=9)", [&] { only = 7, scope = 9, ld_->ld_sizelimit = -1; });  // the first reported
-    attrs = over.c_str() + 1, present = &pr;
-    memset(f.cmp_ldap_attr, 'b', 384), memset(f.cmp_ldap_value, 'c', 384);
+    attrs = over.c_str() + 1;
+    present = &pr;
+    memset(f.cmp_ldap_attr, 'b', 384);
+    memset(f.cmp_ldap_value, 'c', 384);
     memset(pr.attr, 'd', 384);
     f.cmp_ldap_searchCond = pr.cmp_ldap_searchCond = 1;
     EXPECT_EQ(search(), 1);  // 384 is the longest text taken, or the highest condition
@@ -287,7 +315,9 @@ TEST_F(Session, FailuresAfterTheIdKeepItFreeAllAndLogTheCall)
     const char *b = "cmp_ldap_simple_bind", *a = "cmp_ldap_abandon", *s = "cmp_ldap_search_tiny";
     /* last: the last line, which reports the code (bind) or ends a dump (no code) */
     auto check = [&](const char *name, std::string last, int code, Op op, Script setup) {
-        preset(), fake::clear_log(), setup();
+        preset();
+        fake::clear_log();
+        setup();
         int32_t id = ld_->ld_mid + 1;
         EXPECT_EQ(op(), -1);
         EXPECT_EQ(ld_->ld_errno, code) << name;
@@ -310,7 +340,8 @@ TEST_F(Session, FailuresAfterTheIdKeepItFreeAllAndLogTheCall)
     check(s, s_last, 256, find, kSendFails);
     check(s, s_last, 260, find, kSendTimesOut);
     check(s, s_last, 272, find, [&] {
-        ld_->ld_ssl_conn = &tls_object, fake::set_tls({0, 0, 0, 0, 0, {OSL_SCR_SSL_WRP_ERR_IO}});
+        ld_->ld_ssl_conn = &tls_object;
+        fake::set_tls({0, 0, 0, 0, 0, {OSL_SCR_SSL_WRP_ERR_IO}});
     });
     check(s, s_last, 264, find, [&] { base = huge.c_str(); });  // too long to encode
     EXPECT_EQ(fake::live_blocks(), 1);                          // the handle
@@ -319,8 +350,11 @@ TEST_F(Session, FailuresAfterTheIdKeepItFreeAllAndLogTheCall)
 TEST_F(Session, UnbindSendsItsPduAndTearsTheSessionDown)
 {
     auto check = [&](int32_t mid, bool tls, int32_t send, int rc, const char *pdu) {
-        fake::reset(), connect(), ld_->ld_mid = mid;
-        ld_->ld_error = cmp_ldap_strdup("diagnostic"), ld_->ld_matched = cmp_ldap_strdup("dc=x");
+        fake::reset();
+        connect();
+        ld_->ld_mid = mid;
+        ld_->ld_error = cmp_ldap_strdup("diagnostic");
+        ld_->ld_matched = cmp_ldap_strdup("dc=x");
         EXPECT_EQ(tls ? cmp_ldap_tls_start(ld_, &p_) : 0, 0);
         if (send != 0) fake::script_send({send});
         EXPECT_EQ(cmp_ldap_unbind(std::exchange(ld_, nullptr)), rc);
@@ -336,8 +370,11 @@ TEST_F(Session, UnbindSendsItsPduAndTearsTheSessionDown)
     check(65534, false, 0, 0, "30 06 02 02 FF FF 42 00");  // likewise two octets
     check(254, false, 0, 0, "30 05 02 01 FF 42 00");
     check(0, true, 0, 0, "30 05 02 01 01 42 00");
-    check(0, false, -1, 256, "");           // a failed send still tears the session down
-    fake::reset(), connect(), kNoMemory();  // without memory it stays open and usable
+    check(0, false, -1, 256, "");  // a failed send still tears the session down
+    // without memory it stays open and usable
+    fake::reset();
+    connect();
+    kNoMemory();
     EXPECT_EQ(cmp_ldap_unbind(ld_), CMP_LDAP_NO_MEMORY);
     EXPECT_EQ(ld_->ld_errno, 265);
     EXPECT_EQ(fake::open_sockets(), 1);
@@ -380,9 +417,13 @@ TEST_F(Session, SearchSendsTheWorkedExampleAndLeavesOutEmptyFilters)
                                 trace("cmp_ldap_search_tiny(): filter: filterCond=3,searchCond=0,"
                                       "attr=cn,value=abc.\n")}));
     for (bool given : {false, true}) {  // filters parsing to nothing are left out
-        fake::reset(), connect();
-        filter = given ? &f : nullptr, present = given ? &pr : nullptr;
-        f.cmp_ldap_value[0] = '\0', attrs = "", strcpy(pr.attr, " , ");
+        fake::reset();
+        connect();
+        filter = given ? &f : nullptr;
+        present = given ? &pr : nullptr;
+        f.cmp_ldap_value[0] = '\0';
+        attrs = "";
+        strcpy(pr.attr, " , ");
         EXPECT_EQ(search(), 1);
         EXPECT_EQ(to_hex(fake::sent()), to_hex(hex(kNoFilter)));
     }
@@ -391,7 +432,9 @@ TEST_F(Session, SearchSendsTheWorkedExampleAndLeavesOutEmptyFilters)
 TEST_F(Session, SearchWithEveryAllocationFailingInTurnLeavesNothing)
 {
     long n = sweep_alloc_failures([&](long k) {
-        connect(), present = &pr, fake::arm_alloc_failure(k);
+        connect();
+        present = &pr;
+        fake::arm_alloc_failure(k);
         EXPECT_EQ(search(), k ? -1 : 1);
         EXPECT_EQ(ld_->ld_errno, k ? 265 : 0) << k;
         EXPECT_EQ(ld_->ld_mid, 1) << k;

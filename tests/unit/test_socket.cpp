@@ -39,7 +39,10 @@ TEST_F(Socket, ConnectTriesIpv4ThenGlobalThenLinkLocalWhateverTheResolverOrder)
     /* fe80::/10 covers febf:: but not fec0::. Records that do not hold their family's
      * address (none, too short, longer than the 128-octet area) are never tried. */
     fake::Resolved none = v4a, short4 = v4b, short6 = g6, long6 = g6, wide6 = fake::ipv6("::2");
-    none.null_addr = true, short4.addrlen = 15, short6.addrlen = 27, long6.addrlen = 129;
+    none.null_addr = true;
+    short4.addrlen = 15;
+    short6.addrlen = 27;
+    long6.addrlen = 129;
     wide6.addrlen = 128;
     const fake::Resolved in[] = {ll,     g6,     {AF_UNIX, {1, 2}},     v4a,  fake::ipv6("febf::1"),
                                  short4, short6, fake::ipv6("fec0::1"), none, v4b,
@@ -82,7 +85,8 @@ TEST_F(Socket, ConnectFailures)
     /* no entries: the resolver fails; socket, scope: 0 is the default; a further connect works.
      * The last attempt decides 279 or 260; no socket or no scope stops at once. */
     fake::Resolved none = v4a, short6 = g6;
-    none.null_addr = true, short6.addrlen = 27;
+    none.null_addr = true;
+    short6.addrlen = 27;
     /* last: the last line and the code it reports */
     using R =
         std::tuple<std::vector<fake::Resolved>, int, int, std::vector<int>, int, int, std::string>;
