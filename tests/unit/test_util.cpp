@@ -63,44 +63,39 @@ TEST_F(Util, TraceDumps)
     ld.ld_matched = long_text.data();
     ld.ld_error = const_cast<char *>("bad");
     cmp_ldap_gentrace_ld("f", &ld);
-    EXPECT_EQ(fake::log(),
-              uncoded({"f(): ld=NULL\n",
-                       "f(): ld: ld_mid=0,ld_deref=0,ld_timelimit=0,ld_sizelimit=0,"
-                       "ld_sockfd=0,ld_sock_timeout=0,ld_ssl_ctx=(nil),ld_ssl_conn=(nil).\n",
-                       "f(): ld: ld_errno=0,ld_matched=(null),ld_error=(null),"
-                       "ld_referral=(null).\n",
-                       "f(): ld: ld_mid=7,ld_deref=0,ld_timelimit=0,ld_sizelimit=0,"
-                       "ld_sockfd=0,ld_sock_timeout=-1,ld_ssl_ctx=(nil),ld_ssl_conn=(nil).\n",
-                       "f(): ld: ld_errno=49,ld_matched=" + std::string(64, 'm') +
-                           ",ld_error=bad,ld_referral=(null).\n"}));
-
-    fake::clear_log();
     CMP_LDAP_CONN_PARAM p{
         const_cast<char *>("ldap.example"), 636, -1, 1, 2, 2, 0x0c, 0xff, 1, 0x10};
     cmp_ldap_gentrace_param("open", nullptr);
     cmp_ldap_gentrace_param("open", &p);
-    EXPECT_EQ(fake::log(),
-              uncoded({"open(): param=NULL.\n",
-                       "open(): param: hostname=ldap.example,portno=636,timeout=-1,ipv6=1,"
-                       "tls_mod=2.\n",
-                       "open(): param: ssl_auth=2,ssl_version=0x0c,ssl_hash=0xff,"
-                       "ssl_encrpt=0x01,ssl_accepted_signature_algorithm=0x10.\n"}));
-
-    fake::clear_log();
     CMP_LDAP_FILTER f{1, 1, "cn,sn", ""};
     memset(f.cmp_ldap_value, 'v', 200); /* cut at 128 */
     CMP_LDAP_FILTER_PRESENT fp{0, "mail"};
     cmp_ldap_gentrace_search_params("s", "dc=example", 2, nullptr, nullptr, "cn,mail", 0);
     cmp_ldap_gentrace_search_params("s", "o=x", 0, &f, &fp, "1.1", 1);
     /* The filter line carries the dump's own name, deliberately unlike the others. */
-    EXPECT_EQ(fake::log(), uncoded({"s(): base=dc=example,scope=2,attrs=cn,mail,attrsonly=0.\n",
-                                    "cmp_ldap_gentrace_search_params(): filter=NULL.\n",
-                                    "s(): filter_present=NULL.\n",
-                                    "s(): base=o=x,scope=0,attrs=1.1,attrsonly=1.\n",
-                                    "cmp_ldap_gentrace_search_params(): filter: filterCond=1,"
-                                    "searchCond=1,attr=cn,sn,value=" +
-                                        std::string(128, 'v') + ".\n",
-                                    "s(): filter_present: searchCond=0,attr=mail.\n"}));
+    EXPECT_EQ(
+        fake::log(),
+        uncoded({"f(): ld=NULL\n",
+                 "f(): ld: ld_mid=0,ld_deref=0,ld_timelimit=0,ld_sizelimit=0,"
+                 "ld_sockfd=0,ld_sock_timeout=0,ld_ssl_ctx=(nil),ld_ssl_conn=(nil).\n",
+                 "f(): ld: ld_errno=0,ld_matched=(null),ld_error=(null),"
+                 "ld_referral=(null).\n",
+                 "f(): ld: ld_mid=7,ld_deref=0,ld_timelimit=0,ld_sizelimit=0,"
+                 "ld_sockfd=0,ld_sock_timeout=-1,ld_ssl_ctx=(nil),ld_ssl_conn=(nil).\n",
+                 "f(): ld: ld_errno=49,ld_matched=" + std::string(64, 'm') +
+                     ",ld_error=bad,ld_referral=(null).\n",
+                 "open(): param=NULL.\n",
+                 "open(): param: hostname=ldap.example,portno=636,timeout=-1,ipv6=1,"
+                 "tls_mod=2.\n",
+                 "open(): param: ssl_auth=2,ssl_version=0x0c,ssl_hash=0xff,"
+                 "ssl_encrpt=0x01,ssl_accepted_signature_algorithm=0x10.\n",
+                 "s(): base=dc=example,scope=2,attrs=cn,mail,attrsonly=0.\n",
+                 "cmp_ldap_gentrace_search_params(): filter=NULL.\n", "s(): filter_present=NULL.\n",
+                 "s(): base=o=x,scope=0,attrs=1.1,attrsonly=1.\n",
+                 "cmp_ldap_gentrace_search_params(): filter: filterCond=1,"
+                 "searchCond=1,attr=cn,sn,value=" +
+                     std::string(128, 'v') + ".\n",
+                 "s(): filter_present: searchCond=0,attr=mail.\n"}));
 }
 
 TEST_F(Util, ProtocolSetting)
