@@ -7,22 +7,14 @@
 set -uo pipefail
 tool=${1:?usage: test_tool_ldif.sh TOOL STATE_DIR [--rss]}
 state=${2:?usage: test_tool_ldif.sh TOOL STATE_DIR [--rss]}
-here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-fixture=$here/../fixtures/slapd.sh
-mkdir -p "$state"
-work=$(mktemp -d "$state/tool-ldif.XXXXXX")
-failures=0
-peers=""
-trap 'kill $peers 2>/dev/null; bash "$fixture" stop "$work/srv"
-  [ "$failures" -ne 0 ] || rm -rf "$work"' EXIT
 # shellcheck source=checks.sh
-. "$here/checks.sh"
+. "$(dirname "${BASH_SOURCE[0]}")/checks.sh" test_tool_ldif
 
 # The edge cases of edge.ldif, values at every fold length (text and base64), 1,000
 # values, and 60 entries of 200 KB.
 edge="cn=folds,ou=edge,dc=example,dc=test"
 {
-  cat "$here/../fixtures/edge.ldif"
+  cat "$fixtures/edge.ldif"
   printf '\ndn: %s\nobjectClass: inetOrgPerson\ncn: folds\nsn: folds\n' "$edge"
   v=""
   for ((i = 1; i <= 240; i++)); do
@@ -43,7 +35,7 @@ edge="cn=folds,ou=edge,dc=example,dc=test"
     printf 'cn: h%02d\nsn: heavy\naudio:: %s\n' "$i" "$heavy"
   done
 } >"$state/edge-extra.ldif"
-bash "$fixture" start "$work/srv" --owner $$ --shared "$state/shared-edge" \
+start_server slapd.sh "$work/srv" --shared "$state/shared-edge" \
   --extra "$state/edge-extra.ldif" || exit 1
 # shellcheck source=/dev/null
 . "$work/srv/env"
@@ -163,13 +155,9 @@ while read -r name line; do
     envs+=("${words[0]}")
     words=("${words[@]:1}")
   done
-  env "${envs[@]}" ldapsearch -x "${words[@]}" >"$work/want" 2>"$work/want.err"
-  rc_want=$?
-  env "${envs[@]}" "$tool" -x "${words[@]}" >"$work/got" 2>"$work/err"
-  rc_got=$?
-  [ "$rc_got" = "$rc_want" ] || fail "$name: exit $rc_got, ldapsearch $rc_want: $(head -c 300 "$work/err")"
-  cmp -s "$work/want" "$work/got" ||
-    fail "$name: stdout differs: $(diff "$work/want" "$work/got" | head -8)"
+  want_cmd=(env "${envs[@]}" ldapsearch -x)
+  got_cmd=(env "${envs[@]}" "$tool" -x)
+  same "$name" - - "${words[@]}"
 done <<<"$rows"
 
 # Deliberate differences: server texts with line breaks stay inside their LDIF lines
@@ -200,5 +188,4 @@ if [ "${3:-}" = --rss ]; then
   ((large - small < 2048)) || fail "memory grows with the search: $small KB, then $large KB"
 fi
 
-echo "test_tool_ldif: $failures failed"
-[ "$failures" -eq 0 ]
+finish
