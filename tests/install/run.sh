@@ -6,14 +6,8 @@ set -uo pipefail
 build=${1:?usage: run.sh BUILD_DIR STATE_DIR VERSION}
 state=${2:?} version=${3:?}
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-mkdir -p "$state"
-work=$(mktemp -d "$state/install.XXXXXX")
-failures=0
-trap '[ "$failures" -ne 0 ] || rm -rf "$work"' EXIT
-fail() {
-  failures=$((failures + 1))
-  echo "FAIL: $*"
-}
+# shellcheck source=../integration/checks.sh
+. "$here/../integration/checks.sh" install
 # step NAME COMMAND...: runs it with its output in a log, shown only when it fails.
 step() {
   local name=$1
@@ -63,5 +57,4 @@ number=$(printf '0x%02x%02x%02x' "$major" "$minor" "$patch")
 bash "$here/../../examples/run_example.sh" search "$state" "$work/cmake/search" \
   "$work/cmake/search_hpp" "$work/cmake/search_static" "$work/pc/search" "$work/pc/search_hpp" ||
   failures=$((failures + 1))
-echo "install: $failures failed"
-[ "$failures" -eq 0 ]
+finish

@@ -133,7 +133,8 @@ while True:
         delay = 0.5 if mode == "late" else 0
         threading.Thread(target=answer, args=(conn, replies, delay), daemon=True).start()
 '
-# start_peer VAR ARGS...: starts a peer, its port in VAR. It keeps none of our output open.
+# start_peer VAR MODE HOST ARGS...: starts a peer, ldap://HOST:PORT/ in VAR. It keeps none of
+# our output open.
 start_peer() {
   local var=$1 portfile
   shift
@@ -141,5 +142,5 @@ start_peer() {
   python3 -c "$peer_py" "$@" </dev/null >"$portfile" 2>>"$work/peers.log" &
   peers="$peers $!"
   retry 500 0.01 test -s "$portfile"
-  printf -v "$var" '%s' "$(cat "$portfile")"
+  printf -v "$var" 'ldap://%s:%s/' "$2" "$(cat "$portfile")"
 }

@@ -42,7 +42,7 @@ fi
 # server that answers the bind after half a second, whatever the machine's load.
 slow="" # set by start_peer
 start_peer slow late 127.0.0.1 300c02010161070a010004000400
-out=$("$probe" -H "ldap://127.0.0.1:$slow" -b "$BASE_DN" --async --cancel-after 100 2>&1)
+out=$("$probe" -H "$slow" -b "$BASE_DN" --async --cancel-after 100 2>&1)
 [ "$?:$out" = "1:0x51035105 cancelled" ] || fail "cancel: '$out'"
 
 # --help lists every code the probe prints; misuse exits 2 before any connection.

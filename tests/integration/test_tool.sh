@@ -53,9 +53,9 @@ expect starttls-refused-zz 1 'StartTLS to .* refused by the server' -H "$NOTLS_U
 # reached through 127.0.0.1 with a CA that did not sign its certificate, and through
 # 127.0.0.2, a name its certificate does not carry. ldapsearch gives the same statuses.
 capture=$work/capture
-relay_port="" named_port="" port="" # set by start_peer
-start_peer relay_port relay 127.0.0.1 "$LDAP_PORT" "$capture"
-start_peer named_port relay 127.0.0.2 "$LDAP_PORT" "$capture"
+ca_uri="" name_uri="" uri="" # set by start_peer
+start_peer ca_uri relay 127.0.0.1 "$LDAP_PORT" "$capture"
+start_peer name_uri relay 127.0.0.2 "$LDAP_PORT" "$capture"
 # tls_case NAME STATUS PATTERN CA_FILE URI TOOL_ARGS...
 tls_case() {
   local name=$1 status=$2 pattern=$3 ca=$4 uri=$5 rc_want
@@ -66,8 +66,6 @@ tls_case() {
   TOVEISTROR_CA_FILE=$ca expect "$name" "$status" "$pattern" -H "$uri" "$@"
 }
 bound=(-D "$USER_DN" -w "$USER_PW" -b "$USER_DN" -s base)
-ca_uri=ldap://127.0.0.1:$relay_port/
-name_uri=ldap://127.0.0.2:$named_port/
 tls_case other-ca-z 1 'StartTLS .*\(269\)$' "$OTHER_CA_FILE" "$ca_uri" -Z "${bound[@]}"
 tls_case other-ca-zz 1 "certificate is not trusted: " "$OTHER_CA_FILE" "$ca_uri" -ZZ "${bound[@]}"
 tls_case wrong-name-z 1 'StartTLS .*\(274\)$' "$CA_FILE" "$name_uri" -Z "${bound[@]}"
@@ -90,14 +88,14 @@ grep -qaF "1.3.6.1.4.1.1466.20037" "$capture" || fail "relay: no StartTLS reques
 # a long-form element. Each answers the bind first.
 bind_ok=300c02010161070a010004000400
 for pdu in "length-ffffffff 30 84 ff ff ff ff" "length-of-5 30 85 01 00 00 00 00"; do
-  start_peer port answer 127.0.0.1 "$bind_ok" "${pdu#* }"
-  expect "${pdu%% *}" 255 'search results: failed without a result code$' \
-    -H "ldap://127.0.0.1:$port/"
+  start_peer uri answer 127.0.0.1 "$bind_ok" "${pdu#* }"
+  expect "${pdu%% *}" 255 'search results: failed without a result code$' -H "$uri"
 done
 a=ldap://a.example/
 b=ldap://b.example/
-start_peer port answer 127.0.0.1 "$bind_ok" "3035020102 6530 0a010a 0400 0400 a38126 0411$(hex $a) 0411$(hex $b)"
-got=$("$tool" -H "ldap://127.0.0.1:$port/" 2>&1 | grep '^ref:')
+start_peer uri answer 127.0.0.1 "$bind_ok" \
+  "3035020102 6530 0a010a 0400 0400 a38126 0411$(hex $a) 0411$(hex $b)"
+got=$("$tool" -H "$uri" 2>&1 | grep '^ref:')
 [ "$got" = "$(printf 'ref: %s\nref: %s' "$a" "$b")" ] || fail "two-referrals: $got"
 
 finish

@@ -51,15 +51,8 @@ printf 'SIZELIMIT 2\nNETWORK_TIMEOUT 5\n' >"$work/cwd/sizerc"
 printf 'TLS_REQCERT never\n' >"$HOME/reqrc"
 printf '%s' "$USER_PW" >"$work/pw"
 
-# peer VAR FRAMES...: a scripted server on 127.0.0.1 answering the bind and then the search
-# with FRAMES (hex, one per request), its URI in VAR.
-odd_uri="" nl_uri="" uri="" # set by peer
-peer() {
-  local var=$1 port
-  shift
-  start_peer port answer 127.0.0.1 "$@"
-  printf -v "$var" 'ldap://127.0.0.1:%s/' "$port"
-}
+# Scripted servers on 127.0.0.1 answer the bind, then the search with their frames.
+odd_uri="" nl_uri="" uri="" # set by start_peer
 # BER in hex: tlv TAG HEX, str TEXT (an OCTET STRING)
 tlv() { printf '%s%s%s' "$1" "$(len $((${#2} / 2)))" "$2"; }
 len() { if (($1 < 128)); then printf '%02x' "$1"; else printf '82%04x' "$1"; fi; }
@@ -73,7 +66,7 @@ odd=$(frame "$(tlv 64 "$(str 'CN=A\2c+cn=b,OU=b\+,O=\#c \\\\,dc=x,ou=y,DC=z,dc=w
   "$(tlv 30 "$(str cn)$(tlv 31 "$(str '#x')$(str '-x')$(str 'x:')$(str '=')")")$(tlv 30 \
   "$(str userpassword)$(tlv 31 "$(str abc)")")$(tlv 30 "$(str b)3100")")")")
 bogus=$(frame "$(tlv 64 "$(str bogus)3000")")
-peer odd_uri "$bind_ok" "$odd$bogus$done_ok"
+start_peer odd_uri answer 127.0.0.1 "$bind_ok" "$odd$bogus$done_ok"
 
 # The table: NAME ARGS... (shell words; leading VAR=value words set the environment of
 # both). Every run gets -x.
@@ -145,7 +138,8 @@ EOF
 )
 # Result codes and their texts, from scripted servers.
 for code in 1 8 15 47 80 123; do
-  peer uri "$bind_ok" "$(frame "$(tlv 65 "0a01$(printf %02x $code)$(str '')$(str 'why')")")"
+  start_peer uri answer 127.0.0.1 "$bind_ok" \
+    "$(frame "$(tlv 65 "0a01$(printf %02x $code)$(str '')$(str 'why')")")"
   rows+=$'\n'"code-$code -H $uri"
 done
 while read -r name line; do
@@ -165,7 +159,7 @@ done <<<"$rows"
 nl=$(frame "$(tlv 65 "0a0135$(str $'cn=x\ny')$(str $'line one\nline two')$(tlv a3 "$(str \
   $'ldap://a/\nb')")")")
 ref=$(frame "$(tlv 73 "$(str $'ldap://r/\nx')")")
-peer nl_uri "$bind_ok" "$ref$nl"
+start_peer nl_uri answer 127.0.0.1 "$bind_ok" "$ref$nl"
 for level in -LLL -L ""; do
   "$tool" $level -H "$nl_uri" >"$work/got" 2>/dev/null
   rc=$?
