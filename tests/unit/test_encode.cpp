@@ -178,7 +178,9 @@ TEST_F(Encode, LengthMatchesOctetsWritten)
                     strcpy(p.attr[0], (len > 384 ? t : c).c_str());
                     search([&](Search &q) {
                         q.ld = {id, 0, 65535 - id, id}; /* limits cross the INTEGER sizes too */
-                        q.base = a.c_str(), q.filter = &f, q.present = &p;
+                        q.base = a.c_str();
+                        q.filter = &f;
+                        q.present = &p;
                         q.attrs = {kCn, &c[0], nullptr};
                     });
                 }

@@ -59,7 +59,9 @@ TEST_F(Util, TraceDumps)
     std::string long_text(100, 'm');
     cmp_ldap_gentrace_ld("f", nullptr);
     cmp_ldap_gentrace_ld("f", &ld);
-    ld.ld_mid = 7, ld.ld_errno = 49, ld.ld_sock_timeout = -1;
+    ld.ld_mid = 7;
+    ld.ld_errno = 49;
+    ld.ld_sock_timeout = -1;
     ld.ld_matched = long_text.data();
     ld.ld_error = const_cast<char *>("bad");
     cmp_ldap_gentrace_ld("f", &ld);
