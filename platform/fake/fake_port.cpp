@@ -13,6 +13,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -42,7 +43,7 @@ struct State {
     std::vector<Resolved> resolved;
     std::deque<int> socket_results, connect_results, scope_results;
     int next_fd = 3;
-    std::map<int32_t, bool> sockets; /* fd -> open */
+    std::set<int32_t> open;
     std::vector<int32_t> closed;
     std::vector<ConnectAttempt> attempts;
     std::vector<ResolverCall> resolver_calls;
@@ -103,18 +104,17 @@ Resolved parse(int family, const char *text)
     return r;
 }
 
-/* One receive from the scripted peer: the count (0: closed) or the event's code. */
-int32_t serve_receive(uint8_t *buf, uint32_t len, long timeout, int32_t timeout_code, bool *error)
+/* One receive from the scripted peer: the event's code, or 0 and *count (0: closed). */
+int32_t serve_receive(void *buf, uint32_t len, long timeout, int32_t timeout_code, int32_t *count)
 {
     State &s = st();
     s.recv_timeouts.push_back(timeout);
-    *error = false;
+    *count = 0;
     if (s.events.empty()) return 0;
     Event &e = s.events.front();
     if (e.kind != Event::Data) {
         int32_t rc = e.kind == Event::Timeout ? timeout_code : e.rc;
         s.events.pop_front();
-        *error = true;
         return rc;
     }
     /* An empty chunk serves one receive of 0 octets: the peer's close, as the core sees it. */
@@ -122,7 +122,8 @@ int32_t serve_receive(uint8_t *buf, uint32_t len, long timeout, int32_t timeout_
     if (n > 0) memcpy(buf, e.bytes.data() + e.offset, n);
     e.offset += n;
     if (e.offset >= e.bytes.size()) s.events.pop_front();
-    return (int32_t)n;
+    *count = (int32_t)n;
+    return 0;
 }
 
 int32_t take_send(const void *buf, uint32_t len, long timeout)
@@ -185,15 +186,6 @@ bool logged_containing(const std::string &fragment)
     return false;
 }
 
-long open_sockets()
-{
-    Guard g(g_lock);
-    long n = 0;
-    for (auto &s : st().sockets)
-        n += s.second ? 1 : 0;
-    return n;
-}
-
 /* One line per accessor and script call; LOCKED ones take the lock for their statement
  * (the references are read by a test once the library's threads are done). */
 // clang-format off
@@ -212,6 +204,7 @@ std::vector<ResolverCall> resolver_calls() LOCKED(return st().resolver_calls)
 std::vector<SocketCall> socket_calls() LOCKED(return st().socket_calls)
 std::vector<int32_t> closed_sockets() LOCKED(return st().closed)
 long live_addrinfo() LOCKED(return st().live_ai)
+long open_sockets() LOCKED(return (long)st().open.size())
 std::vector<long> recv_timeouts() LOCKED(return st().recv_timeouts)
 std::vector<int> recv_flags() LOCKED(return st().recv_flags)
 void script_send(std::vector<int32_t> r) LOCKED(st().send_results.assign(r.begin(), r.end()))
@@ -351,7 +344,7 @@ int cmp_netsock_socket(int family, int type, int protocol)
     auto &s = st();
     s.socket_calls.push_back(fake::SocketCall{family, type, protocol});
     int fd = fake::take_front(s.socket_results, s.next_fd);
-    if (fd >= 0) s.next_fd = std::max(s.next_fd, fd + 1), s.sockets[fd] = true;
+    if (fd >= 0) s.next_fd = std::max(s.next_fd, fd + 1), s.open.insert(fd);
     return fd;
 }
 
@@ -372,7 +365,7 @@ int cmp_netsock_connect_timeo(int32_t *sockfd, const struct sockaddr *addr, uint
     }
     s.attempts.push_back(a);
     int rc = fake::take_front(s.connect_results, 0);
-    if (rc != 0) s.sockets[*sockfd] = false, s.closed.push_back(*sockfd); /* none left open */
+    if (rc != 0) s.open.erase(*sockfd), s.closed.push_back(*sockfd); /* none left open */
     return rc;
 }
 
@@ -396,16 +389,16 @@ int32_t cmp_netsock_recv_timeo(int32_t, void *buf, uint32_t len, int flags, long
 {
     Guard g(g_lock);
     st().recv_flags.push_back(flags);
-    bool error = false;
-    return fake::serve_receive(static_cast<uint8_t *>(buf), len, timeout, CMP_NETSOCK_TIMEOUT,
-                               &error);
+    int32_t count;
+    int32_t rc = fake::serve_receive(buf, len, timeout, CMP_NETSOCK_TIMEOUT, &count);
+    return rc != 0 ? rc : count;
 }
 
 int cmp_netsock_close(int32_t sockfd)
 {
     Guard g(g_lock);
     st().closed.push_back(sockfd);
-    st().sockets[sockfd] = false;
+    st().open.erase(sockfd);
     return 0;
 }
 
@@ -444,11 +437,8 @@ uint32_t osl_scr_ssl_wrp_connect_timeo(void *, const OSL_SCR_SSL_WRP_SETTINGS *s
 uint32_t osl_scr_ssl_wrp_read_timeo(void *, void *buf, uint32_t len, long timeout, int32_t *count)
 {
     Guard g(g_lock);
-    bool error = false;
-    int32_t n = fake::serve_receive(static_cast<uint8_t *>(buf), len, timeout,
-                                    (int32_t)OSL_SCR_SSL_WRP_ERR_TIMEOUT, &error);
-    *count = error ? 0 : n;
-    return error ? (uint32_t)n : 0;
+    return (uint32_t)fake::serve_receive(buf, len, timeout, (int32_t)OSL_SCR_SSL_WRP_ERR_TIMEOUT,
+                                         count);
 }
 
 uint32_t osl_scr_ssl_wrp_write_timeo(void *, const void *buf, uint32_t len, long timeout,
@@ -505,26 +495,14 @@ int32_t zelOSWWaitTask(uint32_t task_id, int32_t)
     return 0;
 }
 
-/* The task body returns right after this call, which ends its thread. */
-void zelOSWExitTask(int32_t)
-{
-    Guard g(g_lock);
-    (void)fake::os_call("zelOSWExitTask");
-}
+/* The task body returns right after zelOSWExitTask, which ends its thread. */
+// clang-format off
+void zelOSWExitTask(int32_t) LOCKED((void)fake::os_call("zelOSWExitTask"))
+int32_t zelOSWLockTask(void) LOCKED(return fake::os_call("zelOSWLockTask"))
+int32_t zelOSWUnlockTask(void) LOCKED(return fake::os_call("zelOSWUnlockTask"))
+    // clang-format on
 
-int32_t zelOSWLockTask(void)
-{
-    Guard g(g_lock);
-    return fake::os_call("zelOSWLockTask");
-}
-
-int32_t zelOSWUnlockTask(void)
-{
-    Guard g(g_lock);
-    return fake::os_call("zelOSWUnlockTask");
-}
-
-int32_t zelOSWCreateMutexSem(uint32_t *mutex_id, uint32_t, uint32_t)
+    int32_t zelOSWCreateMutexSem(uint32_t *mutex_id, uint32_t, uint32_t)
 {
     Guard g(g_lock);
     if (int32_t rc = fake::os_call("zelOSWCreateMutexSem")) return rc;

@@ -1,14 +1,8 @@
 /*
  * The fake port: a complete implementation of the platform interfaces for unit
- * tests, scripted from the test. Everything here is test code (STL allowed).
- *
- *   fake::reset();                       // every test starts here (FakePortTest does it)
- *   fake::peer_data({0x30, 0x00});       // the peer's next bytes
- *   fake::peer_timeout();                // then one receive times out
- *   fake::arm_alloc_failure(3);          // the 3rd allocation from now fails
- *   ... call the library ...
- *   EXPECT_EQ(fake::sent(), bytes);      // everything the core sent
- *   EXPECT_EQ(fake::log(), ...);         // every line whole (tests/unit/support.h)
+ * tests, scripted from the test. Everything here is test code (STL allowed). A test
+ * starts from reset() (support::FakePortTest does it), scripts the peer and the
+ * platform's results, calls the library, then checks what it sent, logged and left.
  */
 #ifndef FAKE_PORT_H
 #define FAKE_PORT_H
