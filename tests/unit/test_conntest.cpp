@@ -84,17 +84,8 @@ void on_result(uint32_t result)
 
 class ConnTest : public support::FakePortTest {
   protected:
-    void SetUp() override
-    {
-        FakePortTest::SetUp();
-        start_afresh();
-    }
-    void TearDown() override
-    {
-        EXPECT_EQ(fake::open_sockets(), 0);
-        FakePortTest::TearDown();
-    }
-    /* A new port, process state as at load, and the default parameters. */
+    void SetUp() override { start_afresh(); }
+    /* A new port (all FakePortTest::SetUp does), process state as at load, default parameters. */
     void start_afresh()
     {
         fake::reset();
