@@ -1,13 +1,19 @@
 #!/usr/bin/env bash
-# toveistror-probe as a user runs it:   test_probe.sh PROBE STATE_DIR [--no-sasl]
-# Against slapd (and, unless --no-sasl, a KDC for GSSAPI): each case's exit status and its
-# one line of output, the same synchronously and with --async; a cancel; --help; misuse.
+# toveistror-probe as a user runs it, and toveistror-search's GSSAPI binds:
+#   test_probe.sh PROBE SEARCH_TOOL STATE_DIR [--no-sasl]
+# Against slapd (and, unless --no-sasl, a KDC for GSSAPI): each probe case's exit status and
+# its one line of output, the same synchronously and with --async; a cancel; --help; misuse.
 # (Every outcome of the test itself is in test_conntest.cpp; here is what the tool prints.)
+# With the KDC, toveistror-search -Y GSSAPI must print byte for byte what ldapsearch
+# -Y GSSAPI -O maxssf=0 prints for the same search on the same transport (the library
+# negotiates no security layer), with the same exit status; its failures give their status
+# and message.
 set -uo pipefail
-probe=${1:?usage: test_probe.sh PROBE STATE_DIR [--no-sasl]}
-state=${2:?usage: test_probe.sh PROBE STATE_DIR [--no-sasl]}
+probe=${1:?usage: test_probe.sh PROBE SEARCH_TOOL STATE_DIR [--no-sasl]}
+tool=${2:?usage: test_probe.sh PROBE SEARCH_TOOL STATE_DIR [--no-sasl]}
+state=${3:?usage: test_probe.sh PROBE SEARCH_TOOL STATE_DIR [--no-sasl]}
 sasl=1
-[ "${3:-}" != --no-sasl ] || sasl=0
+[ "${4:-}" != --no-sasl ] || sasl=0
 # shellcheck source=checks.sh
 . "$(dirname "${BASH_SOURCE[0]}")/checks.sh" test_probe
 kdc=()
@@ -36,6 +42,26 @@ if [ "$sasl" = 1 ]; then
     -Y GSSAPI -b "$BASE_DN"
   probe_says "GSSAPI, no cache" "0x51039183 Kerberos credential cache not usable" \
     -H "$LDAP_URI" -Y GSSAPI -C "$work/no-such-cache" -b "$BASE_DN"
+
+  people="ou=people,$BASE_DN"
+  krb=(env KRB5CCNAME="FILE:$ccache" LDAPTLS_CACERT="$CA_FILE")
+  want_cmd=("${krb[@]}" ldapsearch -Y GSSAPI -O maxssf=0 -Q)
+  got_cmd=("${krb[@]}" "$tool" -Y GSSAPI)
+  # Only its own user may read an entry's userPassword: the searches show who we are.
+  for conn in "-H $LDAP_URI" "-H ldap://localhost:$LDAP_PORT/ -ZZ" "-H ldaps://localhost:$LDAPS_PORT/"; do
+    # shellcheck disable=SC2086
+    same "as alice ($conn)" 0 - $conn -b "$people" "(userPassword=*)" uid userPassword
+  done
+  same "alice's own entry" 0 - -H "$LDAP_URI" -b "uid=alice,$people" -s base
+  same "big one level" 0 - -H "$LDAP_URI" -b "ou=big,$BASE_DN" -s one "(cn=user1*)" cn mail
+  same "no such object" 32 'No such object \(32\)' -H "$LDAP_URI" -b "ou=nowhere,$BASE_DN"
+
+  bash "$fixtures/kdc.sh" kinit "$work/kdc" "$work/other" alice@OTHER.TEST || fail "kinit"
+  KRB5CCNAME=FILE:$work/missing expect missing-cache 254 'No Kerberos credential cache \(282\)' \
+    -Y GSSAPI -H "$LDAP_URI"
+  KRB5CCNAME=FILE:$work/other expect other-realm 254 'SASL authentication failed \(280\)' \
+    -Y GSSAPI -U alice -R OTHER.TEST -H "$LDAP_URI"
+  expect not-gssapi 1 'only SASL mechanism is GSSAPI' -Y DIGEST-MD5 -H "$LDAP_URI"
 fi
 
 # A cancel during the bind's wait is seen once the answer is in, before the search: a
