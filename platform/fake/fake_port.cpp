@@ -357,10 +357,12 @@ int cmp_netsock_connect_timeo(int32_t *sockfd, const struct sockaddr *addr, uint
     if (addr->sa_family == AF_INET) {
         auto *sin = reinterpret_cast<const sockaddr_in *>(addr);
         auto *p = reinterpret_cast<const uint8_t *>(&sin->sin_addr);
-        a.port = ntohs(sin->sin_port), a.addr.assign(p, p + 4);
+        a.port = ntohs(sin->sin_port);
+        a.addr.assign(p, p + 4);
     } else if (addr->sa_family == AF_INET6) {
         auto *sin6 = reinterpret_cast<const sockaddr_in6 *>(addr);
-        a.port = ntohs(sin6->sin6_port), a.scope_id = sin6->sin6_scope_id;
+        a.port = ntohs(sin6->sin6_port);
+        a.scope_id = sin6->sin6_scope_id;
         a.addr.assign(sin6->sin6_addr.s6_addr, sin6->sin6_addr.s6_addr + 16);
     }
     s.attempts.push_back(a);
