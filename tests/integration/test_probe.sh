@@ -48,7 +48,8 @@ if [ "$sasl" = 1 ]; then
   want_cmd=("${krb[@]}" ldapsearch -Y GSSAPI -O maxssf=0 -Q)
   got_cmd=("${krb[@]}" "$tool" -Y GSSAPI)
   # Only its own user may read an entry's userPassword: the searches show who we are.
-  for conn in "-H $LDAP_URI" "-H ldap://localhost:$LDAP_PORT/ -ZZ" "-H ldaps://localhost:$LDAPS_PORT/"; do
+  for conn in "-H $LDAP_URI" "-H ldap://localhost:$LDAP_PORT/ -ZZ" \
+    "-H ldaps://localhost:$LDAPS_PORT/"; do
     # shellcheck disable=SC2086
     same "as alice ($conn)" 0 - $conn -b "$people" "(userPassword=*)" uid userPassword
   done
