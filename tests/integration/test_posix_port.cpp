@@ -144,6 +144,46 @@ TEST(PosixSockets, TimeOutReadAheadPeerCloseAndReset)
     EXPECT_EQ(cmp_netsock_close(fd), 0);
 }
 
+/* A thread remembers the last socket it read from: reading two sockets in turn keeps
+ * each one's buffered octets apart, and a descriptor number that comes back after a
+ * close starts with nothing buffered, though the closed socket left an octet unread. */
+TEST(PosixSockets, ReadAheadStaysWithItsSocket)
+{
+    cmp_netsock_posix_set_read_ahead(1);
+    Listener l;
+    int a = port_connect("127.0.0.1", l.port);
+    int peer_a = l.accept_one();
+    int b = port_connect("127.0.0.1", l.port);
+    int peer_b = l.accept_one();
+    ASSERT_EQ(send(peer_a, "AAAAA", 5, 0), 5);
+    ASSERT_EQ(send(peer_b, "BBBB", 4, 0), 4);
+    std::string got;
+    char c;
+    for (int round = 0; round < 3; round++) {
+        for (int fd : {a, b}) {
+            ASSERT_EQ(cmp_netsock_recv_timeo(fd, &c, 1, 0, 1000), 1);
+            got += c;
+        }
+    }
+    ASSERT_EQ(cmp_netsock_recv_timeo(a, &c, 1, 0, 1000), 1); /* a read last, one octet left */
+    got += c;
+    EXPECT_EQ(got, "ABABABA");
+    EXPECT_EQ(cmp_netsock_close(a), 0);
+    close(peer_a);
+    int again = port_connect("127.0.0.1", l.port);
+    int peer_again = l.accept_one();
+    ASSERT_EQ(again, a); /* the lowest free descriptor */
+    ASSERT_EQ(send(peer_again, "C", 1, 0), 1);
+    ASSERT_EQ(cmp_netsock_recv_timeo(again, &c, 1, 0, 1000), 1);
+    EXPECT_EQ(c, 'C');
+    ASSERT_EQ(cmp_netsock_recv_timeo(b, &c, 1, 0, 1000), 1);
+    EXPECT_EQ(c, 'B');
+    EXPECT_EQ(cmp_netsock_close(again), 0);
+    EXPECT_EQ(cmp_netsock_close(b), 0);
+    close(peer_again);
+    close(peer_b);
+}
+
 /* Back-to-back PDUs over a POSIX socket, split at every byte, are read whole. */
 TEST(PduSocketpair, BackToBackPdusSplitAtEveryByteAreReadWhole)
 {
