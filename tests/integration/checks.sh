@@ -6,6 +6,9 @@ fixtures=$(cd "$(dirname "${BASH_SOURCE[0]}")/../fixtures" && pwd)
 FIXTURE=$1
 # shellcheck source=../fixtures/common.sh
 . "$fixtures/common.sh"
+# The caller's settings for the tools, ldapsearch and Kerberos stay out; each script sets its own.
+unset LDAPTLS_REQCERT LDAPTLS_CACERT LDAPTLS_CACERTDIR TOVEISTROR_LDAP_PROTOCOL TOVEISTROR_CA_DIR \
+  TOVEISTROR_CA_FILE KRB5CCNAME LDAPNOINIT LDAPURI LDAPBASE LDAPCONF LDAPRC
 mkdir -p "$state"
 work=$(mktemp -d "$state/$1.XXXXXX")
 failures=0

@@ -25,7 +25,6 @@ start_server slapd.sh "$work/srv" --shared "$state/shared" "${kdc[@]}" || exit 1
 # shellcheck source=/dev/null
 . "$work/srv/env"
 export TOVEISTROR_CA_FILE=$CA_FILE
-unset LDAPTLS_REQCERT LDAPTLS_CACERT TOVEISTROR_LDAP_PROTOCOL TOVEISTROR_CA_DIR KRB5CCNAME
 
 admin=(-H "$LDAP_URI" -D "$BIND_DN" -w "$BIND_PW")
 probe_says "base found" "0x00000000 success" "${admin[@]}" -b "$BASE_DN"

@@ -41,8 +41,6 @@ start_server slapd.sh "$work/notls" --no-tls "${edge_db[@]}" || exit 1
 NOTLS_URI=$(env_value "$work/notls/env" LDAP_URI)
 # shellcheck source=/dev/null
 . "$work/srv/env"
-unset LDAPTLS_REQCERT TOVEISTROR_LDAP_PROTOCOL TOVEISTROR_CA_DIR TOVEISTROR_CA_FILE LDAPNOINIT \
-  LDAPURI LDAPBASE LDAPCONF LDAPRC
 export HOME=$work/home
 mkdir -p "$HOME" "$work/cwd"
 cd "$work/cwd" || exit 1
