@@ -180,6 +180,7 @@ struct Task {
     char name[16]; /* the kernel keeps 15 characters */
     bool ended;    /* under g_tasks_w.lock */
     bool waiting;  /* a zelOSWWaitTask is on it */
+    bool torn;     /* the thread's first round of key destructors has begun */
 };
 
 IdTable<Task, 64> g_tasks;
@@ -192,6 +193,14 @@ bool g_tasks_ready = false;
 void task_ended(void *arg)
 {
     auto *t = static_cast<Task *>(arg);
+    /* Other libraries free their per-thread state from destructors of the same round
+     * (OpenSSL its error queue, for one). A waiter may let the process exit as soon as
+     * it hears of the end, so the end is told from the next round, when every
+     * destructor of this one has run. */
+    if (!t->torn) {
+        t->torn = true;
+        if (pthread_setspecific(g_current_task, t) == 0) return;
+    }
     pthread_mutex_lock(&g_tasks_w.lock);
     t->ended = true; /* a waiter may free t from here on */
     pthread_cond_broadcast(&g_tasks_w.cond);

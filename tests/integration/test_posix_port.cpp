@@ -268,6 +268,44 @@ TEST(PosixOsWrapper, TaskGetsTenArgumentsIsJoinedAndMutexExcludesIt)
     EXPECT_NE(zelOSWWaitTask(id, -1), 0); /* joined once only */
 }
 
+/* A waiter hears of a task's end only when every per-thread destructor of the task's
+ * thread has run (OpenSSL frees a thread's error queue in one): a program that exits
+ * right after the wait leaves nothing of the task allocated. */
+pthread_key_t g_late_key;
+std::atomic<bool> g_late_done{false};
+void late_destructor(void *)
+{
+    std::this_thread::sleep_for(50ms);
+    g_late_done = true;
+}
+void task_without_state(void *, void *, void *, void *, void *, void *, void *, void *, void *,
+                        void *)
+{
+}
+void task_with_late_state(void *, void *, void *, void *, void *, void *, void *, void *, void *,
+                          void *)
+{
+    pthread_setspecific(g_late_key, &g_late_key);
+}
+int32_t run_task(ZEL_OSW_TASK_ENTRY body)
+{
+    uint32_t id = 0;
+    int32_t rc =
+        zelOSWCreateJoinTask(&id, "state", -1, 32768, body, 0, nullptr, nullptr, nullptr, nullptr,
+                             nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    return rc != 0 ? rc : zelOSWWaitTask(id, -1);
+}
+
+TEST(PosixOsWrapper, WaitReturnsAfterTheTasksThreadStateIsReleased)
+{
+    /* the port's own key first, so that ours runs after it in each round */
+    ASSERT_EQ(run_task(task_without_state), 0);
+    ASSERT_EQ(pthread_key_create(&g_late_key, late_destructor), 0);
+    EXPECT_EQ(run_task(task_with_late_state), 0);
+    EXPECT_TRUE(g_late_done.load());
+    pthread_key_delete(g_late_key);
+}
+
 TEST(PosixOsWrapper, AllocationCap)
 {
     ScopedEnv env("TOVEISTROR_MAX_ALLOC", "4096");
