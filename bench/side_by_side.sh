@@ -11,10 +11,12 @@
 #   - system calls per entry (strace -c: all calls of the 10,000-entry walk / 10,000; how
 #     many entries one recv brings depends on timing, so a difference would be noise),
 #     peak memory, wall and CPU of the same walk;
+#   - with a throwaway KDC, instructions per entry of the one-array walk over plain LDAP
+#     after a GSSAPI bind: no security layer, signing (SSF 1), sealing (SSF 56 to 256);
 #   - the core library's size on arm-linux-gnueabihf (Thumb-2, -Os, with SASL and the
 #     connection test), per source file.
 #
-#   bench/side_by_side.sh [--quick] [--no-arm]
+#   bench/side_by_side.sh [--quick] [--no-arm] [--no-gssapi]
 #
 # BUILD_DIR (default build-perf) holds a build with -DTOVEISTROR_BENCH=ON and
 # libldap-dev installed. --quick: plain and LDAPS only, no wall-time repeats. Takes a
@@ -24,12 +26,13 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build-perf}
 ours=$build/bench/walk_toveistror
 theirs=$build/bench/walk_libldap
-quick=0 arm=1
+quick=0 arm=1 gssapi=1
 for a in "$@"; do
   case $a in
     --quick) quick=1 ;;
     --no-arm) arm=0 ;;
-    *) echo "usage: $0 [--quick] [--no-arm]" >&2; exit 2 ;;
+    --no-gssapi) gssapi=0 ;;
+    *) echo "usage: $0 [--quick] [--no-arm] [--no-gssapi]" >&2; exit 2 ;;
   esac
 done
 for p in "$ours" "$theirs"; do
@@ -41,7 +44,12 @@ if ! command -v valgrind >/dev/null || ! command -v strace >/dev/null; then
 fi
 
 work=$(mktemp -d)
-trap '"$root/tests/fixtures/slapd.sh" stop "$work/slapd" --remove >/dev/null 2>&1 || true; rm -rf "$work"' EXIT
+stop_all() {
+  "$root/tests/fixtures/slapd.sh" stop "$work/slapd" --remove >/dev/null 2>&1 || true
+  [ $gssapi = 0 ] || "$root/tests/fixtures/kdc.sh" stop "$work/kdc" --remove >/dev/null 2>&1 || true
+  rm -rf "$work"
+}
+trap stop_all EXIT
 
 # The address book: ou=half (5,000 people) and ou=book (10,000), the same shape.
 base_dn="dc=example,dc=test"
@@ -62,8 +70,13 @@ mkdir -p "$shared"
 { book half 5000; book book 10000; } >"$shared/book.ldif.new"
 cmp -s "$shared/book.ldif.new" "$shared/book.ldif" 2>/dev/null || mv "$shared/book.ldif.new" "$shared/book.ldif"
 rm -f "$shared/book.ldif.new"
+kdc=()
+if [ $gssapi = 1 ]; then
+  "$root/tests/fixtures/kdc.sh" start "$work/kdc" --owner $$ >/dev/null
+  kdc=(--kdc "$work/kdc")
+fi
 "$root/tests/fixtures/slapd.sh" start "$work/slapd" --owner $$ --shared "$shared" \
-  --extra "$shared/book.ldif" >/dev/null
+  --extra "$shared/book.ldif" "${kdc[@]}" >/dev/null
 # shellcheck disable=SC1091
 . "$work/slapd/env"
 export TOVEISTROR_CA_FILE="$CA_FILE" LDAPTLS_CACERT="$CA_FILE"
@@ -153,6 +166,25 @@ for t in "${transports[@]}"; do
       "$wall" "$cpu" "$peak"
   done
 done
+
+if [ $gssapi = 1 ]; then
+  # shellcheck disable=SC1091
+  KRB5_CONFIG=$(. "$work/kdc/env" && echo "$KRB5_CONFIG")
+  KRB5CCNAME=$(. "$work/kdc/env" && echo "$CCACHE")
+  export KRB5_CONFIG KRB5CCNAME
+  echo
+  echo "Plain LDAP after a GSSAPI bind, one value array (instructions per entry, as above):"
+  printf '%-9s %-34s %12s %12s %8s\n' layer "" libldap toveistror ratio
+  for layer in none:0,0 signing:1,1 sealing:56,256; do
+    export WALK_GSSAPI=${layer#*:}
+    check_same plain
+    l_one=$(per_entry "$theirs" one plain)
+    o_one=$(per_entry "$ours" one plain)
+    printf '%-9s %-34s %12d %12d %8s\n' "${layer%%:*}" "SSF ${WALK_GSSAPI/,/ to }" "$l_one" "$o_one" \
+      "$(ratio "$o_one" "$l_one")"
+  done
+  unset WALK_GSSAPI
+fi
 
 if [ $arm = 1 ]; then
   echo

@@ -6,10 +6,12 @@
  *
  * MODE: one (DN, every attribute, its value array), read (each message received and
  * released), open (OPENS opens and unbinds). TLS: plain, starttls, ldaps; the CA comes
- * from LDAPTLS_CACERT. Anonymous, one level, all attributes, as walk_toveistror.
+ * from LDAPTLS_CACERT. Anonymous, one level, all attributes, as walk_toveistror; with
+ * WALK_GSSAPI=MIN,MAX a GSSAPI bind from KRB5CCNAME first, its layer in that range.
  */
 #include <lber.h>
 #include <ldap.h>
+#include <sasl/sasl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -51,6 +53,36 @@ static LDAP *open_session(const char *tls, const char *host, int port)
     return ld;
 }
 
+/* GSSAPI asks nothing that the credential cache does not answer. */
+static int no_prompts(LDAP *ld, unsigned flags, void *defaults, void *prompts)
+{
+    sasl_interact_t *p;
+    (void)ld;
+    (void)flags;
+    (void)defaults;
+    for (p = prompts; p->id != SASL_CB_LIST_END; ++p) {
+        p->result = "";
+        p->len = 0;
+    }
+    return LDAP_SUCCESS;
+}
+
+/* The GSSAPI bind WALK_GSSAPI asks for: 0 when bound (or not asked), -1 on failure. */
+static int gssapi_bind(LDAP *ld)
+{
+    const char *range = getenv("WALK_GSSAPI");
+    unsigned min_ssf = 0, max_ssf = 0;
+    char props[64];
+    if (range == NULL) return 0;
+    if (sscanf(range, "%u,%u", &min_ssf, &max_ssf) != 2) return -1;
+    snprintf(props, sizeof props, "minssf=%u,maxssf=%u", min_ssf, max_ssf);
+    if (ldap_set_option(ld, LDAP_OPT_X_SASL_SECPROPS, props) != LDAP_SUCCESS) return -1;
+    return ldap_sasl_interactive_bind_s(ld, NULL, "GSSAPI", NULL, NULL, LDAP_SASL_QUIET, no_prompts,
+                                        NULL) == LDAP_SUCCESS
+               ? 0
+               : -1;
+}
+
 int main(int argc, char **argv)
 {
     struct timeval wait = {30, 0};
@@ -78,7 +110,7 @@ int main(int argc, char **argv)
         return 0;
     }
     ld = open_session(argv[2], argv[3], atoi(argv[4]));
-    if (ld == NULL) return 1;
+    if (ld == NULL || gssapi_bind(ld) != 0) return 1;
     if (ldap_search_ext(ld, argv[5], LDAP_SCOPE_ONELEVEL, "(objectClass=*)", NULL, 0, NULL, NULL,
                         NULL, 0, &id) != LDAP_SUCCESS)
         return 1;
