@@ -169,9 +169,8 @@ done
 
 if [ $gssapi = 1 ]; then
   # shellcheck disable=SC1091
-  KRB5_CONFIG=$(. "$work/kdc/env" && echo "$KRB5_CONFIG")
-  KRB5CCNAME=$(. "$work/kdc/env" && echo "$CCACHE")
-  export KRB5_CONFIG KRB5CCNAME
+  . "$work/kdc/env"
+  export KRB5_CONFIG KRB5CCNAME=$CCACHE
   echo
   echo "Plain LDAP after a GSSAPI bind, one value array (instructions per entry, as above):"
   printf '%-9s %-34s %12s %12s %8s\n' layer "" libldap toveistror ratio

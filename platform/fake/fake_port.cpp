@@ -344,7 +344,10 @@ int cmp_netsock_socket(int family, int type, int protocol)
     auto &s = st();
     s.socket_calls.push_back(fake::SocketCall{family, type, protocol});
     int fd = fake::take_front(s.socket_results, s.next_fd);
-    if (fd >= 0) s.next_fd = std::max(s.next_fd, fd + 1), s.open.insert(fd);
+    if (fd >= 0) {
+        s.next_fd = std::max(s.next_fd, fd + 1);
+        s.open.insert(fd);
+    }
     return fd;
 }
 
@@ -367,7 +370,10 @@ int cmp_netsock_connect_timeo(int32_t *sockfd, const struct sockaddr *addr, uint
     }
     s.attempts.push_back(a);
     int rc = fake::take_front(s.connect_results, 0);
-    if (rc != 0) s.open.erase(*sockfd), s.closed.push_back(*sockfd); /* none left open */
+    if (rc != 0) { /* none left open */
+        s.open.erase(*sockfd);
+        s.closed.push_back(*sockfd);
+    }
     return rc;
 }
 
@@ -497,14 +503,26 @@ int32_t zelOSWWaitTask(uint32_t task_id, int32_t)
     return 0;
 }
 
-/* The task body returns right after zelOSWExitTask, which ends its thread. */
-// clang-format off
-void zelOSWExitTask(int32_t) LOCKED((void)fake::os_call("zelOSWExitTask"))
-int32_t zelOSWLockTask(void) LOCKED(return fake::os_call("zelOSWLockTask"))
-int32_t zelOSWUnlockTask(void) LOCKED(return fake::os_call("zelOSWUnlockTask"))
-    // clang-format on
+/* The task body returns right after this call, which ends its thread. */
+void zelOSWExitTask(int32_t)
+{
+    Guard g(g_lock);
+    (void)fake::os_call("zelOSWExitTask");
+}
 
-    int32_t zelOSWCreateMutexSem(uint32_t *mutex_id, uint32_t, uint32_t)
+int32_t zelOSWLockTask(void)
+{
+    Guard g(g_lock);
+    return fake::os_call("zelOSWLockTask");
+}
+
+int32_t zelOSWUnlockTask(void)
+{
+    Guard g(g_lock);
+    return fake::os_call("zelOSWUnlockTask");
+}
+
+int32_t zelOSWCreateMutexSem(uint32_t *mutex_id, uint32_t, uint32_t)
 {
     Guard g(g_lock);
     if (int32_t rc = fake::os_call("zelOSWCreateMutexSem")) return rc;

@@ -184,6 +184,41 @@ using posix_port::Deadline;
 using posix_port::deadline_after;
 using posix_port::wait_fd;
 
+namespace {
+
+/* The part of a receive that waits for the peer, apart so that a receive served
+ * from the read-ahead pays for none of it. */
+__attribute__((noinline)) int32_t receive_waiting(int32_t sockfd, SockState *s, void *buf,
+                                                  uint32_t len, int flags, long timeout)
+{
+    Deadline deadline = deadline_after(timeout);
+    for (;;) {
+        int ready = wait_fd(sockfd, POLLIN, deadline);
+        if (ready == 0) return CMP_NETSOCK_TIMEOUT;
+        if (ready < 0) return -1;
+
+        /* Large reads and flagged reads (MSG_PEEK and the like) go straight to
+         * the caller's buffer. */
+        bool ahead = s != nullptr && flags == 0 && len < kReadAheadSize && g_read_ahead.load();
+        if (ahead && s->buf == nullptr) {
+            s->buf = static_cast<unsigned char *>(malloc(kReadAheadSize));
+            ahead = s->buf != nullptr;
+        }
+        ssize_t n = ahead ? posix_port::counted_recv(sockfd, s->buf, kReadAheadSize, MSG_DONTWAIT)
+                          : posix_port::counted_recv(sockfd, buf, len, flags | MSG_DONTWAIT);
+        if (n < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
+            return -1;
+        }
+        if (n == 0 || !ahead) return static_cast<int32_t>(n);
+        s->pos = 0;
+        s->len = static_cast<uint32_t>(n);
+        return static_cast<int32_t>(serve_buffered(s, buf, len));
+    }
+}
+
+}  // namespace
+
 extern "C" {
 
 uint64_t cmp_netsock_posix_recv_calls(void)
@@ -322,45 +357,6 @@ int32_t cmp_netsock_send_timeo(int32_t sockfd, const void *buf, uint32_t len, in
     }
     return static_cast<int32_t>(done);
 }
-
-}  // extern "C"
-
-namespace {
-
-/* The part of a receive that waits for the peer, apart so that a receive served
- * from the read-ahead pays for none of it. */
-__attribute__((noinline)) int32_t receive_waiting(int32_t sockfd, SockState *s, void *buf,
-                                                  uint32_t len, int flags, long timeout)
-{
-    Deadline deadline = deadline_after(timeout);
-    for (;;) {
-        int ready = wait_fd(sockfd, POLLIN, deadline);
-        if (ready == 0) return CMP_NETSOCK_TIMEOUT;
-        if (ready < 0) return -1;
-
-        /* Large reads and flagged reads (MSG_PEEK and the like) go straight to
-         * the caller's buffer. */
-        bool ahead = s != nullptr && flags == 0 && len < kReadAheadSize && g_read_ahead.load();
-        if (ahead && s->buf == nullptr) {
-            s->buf = static_cast<unsigned char *>(malloc(kReadAheadSize));
-            ahead = s->buf != nullptr;
-        }
-        ssize_t n = ahead ? posix_port::counted_recv(sockfd, s->buf, kReadAheadSize, MSG_DONTWAIT)
-                          : posix_port::counted_recv(sockfd, buf, len, flags | MSG_DONTWAIT);
-        if (n < 0) {
-            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
-            return -1;
-        }
-        if (n == 0 || !ahead) return static_cast<int32_t>(n);
-        s->pos = 0;
-        s->len = static_cast<uint32_t>(n);
-        return static_cast<int32_t>(serve_buffered(s, buf, len));
-    }
-}
-
-}  // namespace
-
-extern "C" {
 
 int32_t cmp_netsock_recv_timeo(int32_t sockfd, void *buf, uint32_t len, int flags, long timeout)
 {
