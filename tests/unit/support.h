@@ -14,6 +14,7 @@
 #include <initializer_list>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cmp_ldap.h"
@@ -138,7 +139,7 @@ inline Bytes cat(std::initializer_list<Bytes> parts)
 {
     Bytes out;
     for (const Bytes &p : parts)
-        out = out + p;
+        out = std::move(out) + p;
     return out;
 }
 /* An OCTET STRING holding s. */
